@@ -1,0 +1,112 @@
+// The media context: one per open stream, shared by its reader, video and
+// audio threads, and the packet queues between them.
+//
+// Lock order (never reversed): a camera's lock, m_hRecordLock, then one of
+// the packet-queue locks. No two queue locks are ever held together.
+// Fields read by one thread and written by another without a lock are
+// std::atomic (relaxed ordering is enough: they are polled flags/figures).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "engine/av_ptr.h"
+#include "runtime/os.h"
+
+struct FFMpegContext;
+typedef int (*FrameWaitFn)(FFMpegContext* ctx);
+
+struct FFMpegContext {
+    void* m_pOwner = nullptr;  // session (an IFrameListener) that created the context
+
+    camctl::InputFormatPtr m_pFormatCtx;   // demuxer (file and RTSP sources)
+    camctl::AvioPtr m_pHttpIo;             // connection of a private HTTP source
+    camctl::CodecContextPtr m_pVideoCodecCtx;
+    camctl::CodecContextPtr m_pAudioCodecCtx;
+    std::atomic<int32_t> m_nVideoCodecId{0};
+    std::atomic<int32_t> m_nAudioCodecId{0};
+
+    os_thread* m_hReadThread = nullptr;
+    os_thread* m_hVideoThread = nullptr;
+    os_thread* m_hAudioThread = nullptr;
+
+    os_list* m_pVideoPktList = nullptr;   // guarded by m_hVideoPktLock
+    os_mutex* m_hVideoPktLock = nullptr;
+    os_list* m_pAudioPktList = nullptr;   // guarded by m_hAudioPktLock
+    os_mutex* m_hAudioPktLock = nullptr;
+
+    // Guards the recording fields below while a packet is written.
+    os_mutex* m_hRecordLock = nullptr;
+
+    std::atomic<int32_t> m_bRunning{0};
+    std::atomic<int32_t> m_bAudioRunning{0};
+    std::atomic<int32_t> m_bThrottleRead{0};
+    char m_szUrl[256] = {};
+    std::atomic<int32_t> m_bPause{0};
+
+    // Recording (guarded by m_hRecordLock; m_bRecording is also polled).
+    std::atomic<int32_t> m_bRecording{0};
+    uint64_t m_nRecordFrames = 0;
+    uint64_t m_nRecordReserved = 0;
+    std::atomic<uint64_t> nSaveTickCount{0};
+    uint64_t m_nRecordAudioPts = 0;
+    char m_szRecordFile[256] = {};
+    camctl::OutputFormatPtr m_pRecordFmtCtx;
+    AVStream* m_pRecordVideoStream = nullptr;
+    AVStream* m_pRecordAudioStream = nullptr;
+
+    std::atomic<int32_t> m_nWidth{0};
+    std::atomic<int32_t> m_nHeight{0};
+    std::atomic<int32_t> m_bDecode{0};
+    int64_t m_nDurationSec = 0;
+    int64_t m_nTimeBaseDen = 0;
+    int64_t m_nTimeBaseNum = 1;
+    int32_t m_nVideoIndex = 0;
+    int32_t m_nAudioIndex = -1;
+    std::atomic<int64_t> m_nSeekTarget{0};
+    std::atomic<int64_t> m_nLastVideoPts{0};
+    std::atomic<int32_t> m_bReadEnd{0};
+    std::atomic<int32_t> m_nHalfFrameInterval{0};
+    int32_t m_bSmooth = 0;
+    FrameWaitFn m_pfnFrameWait = nullptr;
+
+    std::atomic<float> m_fNetRate{0.0f};
+    std::atomic<int32_t> m_nNetFrameRate{0};
+    std::atomic<int32_t> m_nFramesCount{0};
+
+    void* m_hH265Decoder = nullptr;  // IHW265D instance, HEVC only
+
+    // Private HTTP frame protocol (reader thread only).
+    int32_t m_bHttpFrame = 0;
+    uint8_t* m_pRecvBuf = nullptr;  // 2,000,000 bytes
+    uint32_t m_nRecvLen = 0;
+    uint32_t m_nRecvPos = 0;
+
+    // Audio clock (written by the audio thread, read by the video thread).
+    std::atomic<int32_t> m_bAudioClock{0};
+    std::atomic<int32_t> m_nAudioSampleRate{0};
+    int32_t m_bHttpSource = 0;
+    std::atomic<uint64_t> m_nAudioRefTick{0};
+    std::atomic<uint64_t> m_nAudioRefPts{0};
+    std::atomic<uint64_t> m_nAudioClock{0};
+    std::atomic<uint64_t> m_nVideoOffset{0};
+};
+
+// Packet queues. Elements are deep copies (data + 32 bytes slack) that the
+// caller of Pop* frees with FreePacket.
+void PushVideoPacket(FFMpegContext* ctx, const AVPacket* pkt);
+void PushAudioPacket(FFMpegContext* ctx, const AVPacket* pkt);
+AVPacket* PopVideoPacket(FFMpegContext* ctx);
+AVPacket* PopAudioPacket(FFMpegContext* ctx);
+int GetAVPktListElmCount(FFMpegContext* ctx);
+void FlushVideoPackets(FFMpegContext* ctx);
+void FlushAudioPackets(FFMpegContext* ctx);
+int AppendPacketFragment(AVPacket* acc, const AVPacket* pkt, int start);
+void FreePacket(AVPacket* pkt);
+int GetVideoCodecNumber(FFMpegContext* ctx);
+
+// Allocates an empty context with its queues and locks (no source, no
+// threads). Used by FFMpegContextCreate and by tests.
+FFMpegContext* FFMpegContextAlloc();
+// Frees what FFMpegContextAlloc made plus anything still queued.
+void FFMpegContextFree(FFMpegContext* ctx);

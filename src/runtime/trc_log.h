@@ -1,0 +1,21 @@
+// Debug log: every line goes to stderr and is appended to "trc_new.log" in
+// the folder of the running executable. Each logging unit rotates the
+// previous file to "trc_old.log" at its first line.
+#pragma once
+
+// One logging unit: a static path buffer, empty until the unit first logs.
+struct trc_unit {
+    char path[256];
+};
+
+int trc_log_unit(trc_unit* unit, const char* source_path, int line, const char* tag,
+                 const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+int trc_rotate(char* path_out);
+int trc_append(const char* path, const char* text);
+// Folder the log files live in (the executable's folder), no trailing '/'.
+const char* trc_log_dir();
+
+// Each source file that logs defines its own unit with TRC_DEFINE_UNIT()
+// and calls trc_log(__FILE__, __LINE__, "", fmt, ...).
+#define TRC_DEFINE_UNIT() static trc_unit s_trc_unit
+#define trc_log(src, line, tag, ...) trc_log_unit(&s_trc_unit, (src), (line), (tag), __VA_ARGS__)
