@@ -1,0 +1,42 @@
+// Entry points that the engine's units offer one another. Each unit has
+// its own source: stream_open.cpp, http_frame.cpp, reader.cpp,
+// video_decoder.cpp, audio_decoder.cpp, recorder.cpp, hwaccel.cpp.
+#pragma once
+
+#include <cstdint>
+
+#include "engine/ffmpeg_context.h"
+
+// One-time engine initialisation (library-wide mutexes, network init) and
+// its counterpart.
+int EngineGlobalInit();
+void EngineGlobalUninit();
+
+// Opens a source ("rtsp://", "http://" private frames, file) and starts the
+// reader, video and audio threads. Null on failure.
+FFMpegContext* FFMpegContextCreate(void* owner, const char* url, int yuvOutput,
+                                   FrameWaitFn frameWait, int smooth);
+int FFMpegContextDestroy(FFMpegContext* ctx);
+
+// Reader thread and pacing.
+void* ReadThreadProc(void* ctx);
+int SyncVideoToAudio(FFMpegContext* ctx, int64_t pts);
+int64_t RequestSeek(FFMpegContext* ctx, int64_t seconds);
+
+// Video decoding threads: packed BGR24 bottom-up, or planar I420.
+void* VideoDecodeThreadBgr(void* ctx);
+void* VideoDecodeThreadYuv(void* ctx);
+// Hardware decoder preparation; 0 when a device was attached, else -1.
+int PrepareHwDecoder(AVCodecContext* codec_ctx, int codec_id);
+
+// Audio: (re)opens the decoder for codec_id and (re)starts the audio thread.
+int OpenAudioDecoder(FFMpegContext* ctx, int codec_id);
+void* AudioDecodeThreadProc(void* ctx);
+// Stops the audio thread and waits for it.
+void StopAudioThread(FFMpegContext* ctx);
+
+// AVI recorder.
+int RecordStart(FFMpegContext* ctx, const char* path);
+int RecordStop(FFMpegContext* ctx);
+// The reader's write step: writes pkt if a recording runs.
+void RecordWritePacket(FFMpegContext* ctx, AVPacket* pkt);
