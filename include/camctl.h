@@ -2,3 +2,6 @@
 #pragma once
 
 #include "camctl/FrameListener.h"
+#include "camctl/VideoSession.h"
+#include "camctl/UrlVideoSession.h"
+#include "camctl/FileVideoSession.h"
