@@ -3,9 +3,14 @@
 // previous file to "trc_old.log" at its first line.
 #pragma once
 
+#include <atomic>
+
 // One logging unit: a static path buffer, empty until the unit first logs.
+// `ready` turns true once the path is filled (and the rotation done), so
+// threads that log concurrently never read a half-written path.
 struct trc_unit {
-    char path[256];
+    char path[256] = {};
+    std::atomic<bool> ready{false};
 };
 
 int trc_log_unit(trc_unit* unit, const char* source_path, int line, const char* tag,
