@@ -5,3 +5,4 @@
 #include "camctl/VideoSession.h"
 #include "camctl/UrlVideoSession.h"
 #include "camctl/FileVideoSession.h"
+#include "camctl/RecordPlayer.h"
