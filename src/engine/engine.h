@@ -32,8 +32,19 @@ int PrepareHwDecoder(AVCodecContext* codec_ctx, int codec_id);
 // Audio: (re)opens the decoder for codec_id and (re)starts the audio thread.
 int OpenAudioDecoder(FFMpegContext* ctx, int codec_id);
 void* AudioDecodeThreadProc(void* ctx);
-// Stops the audio thread and waits for it.
+// Starts the audio thread on the context's current audio decoder (a null
+// m_pAudioCodecCtx is fine for AAC, which FAAD2 decodes); 0 or -1.
+int StartAudioThread(FFMpegContext* ctx);
+// Stops the audio thread and waits for it (no-op when none runs).
 void StopAudioThread(FFMpegContext* ctx);
+// One packet through an FFmpeg audio decoder, old one-call contract: *size
+// is the room in out on entry, the bytes written on return (planar planes
+// one after another). Result: bytes consumed, or a negative AVERROR;
+// AVERROR(EINVAL) with an av_log line when out is too small.
+int AudioDecode4(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8_t* out, int* size);
+// One packet through send/receive; copies the first frame's plane 0.
+// 0 on success, -1 otherwise.
+int AudioDecodeSendReceive(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8_t* out, int* size);
 
 // AVI recorder.
 int RecordStart(FFMpegContext* ctx, const char* path);
