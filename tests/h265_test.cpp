@@ -1,0 +1,333 @@
+// IHW265D over libde265, on real H.265 streams made with libx265: pictures
+// against FFmpeg's decoder, the status mapping, the size limit, and
+// corrupted input.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "engine/av_ptr.h"
+#include "engine/h265/IHW265D.h"
+#include "support/fixtures.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+std::string HevcFixture(int width, int height, int seconds) {
+    const std::string size = std::to_string(width) + "x" + std::to_string(height);
+    return camctl_test::Fixture("testsrc_" + size + "_" + std::to_string(seconds) + "s.hevc",
+                                "-f lavfi -i testsrc=size=" + size + ":rate=25 -t " + std::to_string(seconds) +
+                                    " -c:v libx265 -bf 0 -g 25 -pix_fmt yuv420p -x265-params log-level=error");
+}
+
+// The access units of an Annex-B file, as the demuxer hands them out.
+std::vector<Bytes> ReadAccessUnits(const std::string& path, std::vector<bool>* keys = nullptr) {
+    std::vector<Bytes> units;
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) != 0) return units;
+    camctl::InputFormatPtr fmt(raw);
+    camctl::PacketPtr pkt = camctl::MakePacket();
+    while (av_read_frame(fmt.get(), pkt.get()) >= 0) {
+        units.emplace_back(pkt->data, pkt->data + pkt->size);
+        if (keys) keys->push_back(pkt->flags & AV_PKT_FLAG_KEY);
+        av_packet_unref(pkt.get());
+    }
+    return units;
+}
+
+// A decoded picture, packed I420.
+struct Picture {
+    int width = 0;
+    int height = 0;
+    Bytes i420;
+};
+
+std::vector<Picture> DecodeWithFfmpeg(const std::vector<Bytes>& units) {
+    std::vector<Picture> out;
+    camctl::CodecContextPtr ctx(avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_HEVC)));
+    ctx->thread_count = 1;
+    if (avcodec_open2(ctx.get(), nullptr, nullptr) != 0) return out;
+    camctl::PacketPtr pkt = camctl::MakePacket();
+    camctl::FramePtr frame = camctl::MakeFrame();
+    auto drain = [&] {
+        while (avcodec_receive_frame(ctx.get(), frame.get()) == 0) {
+            Picture p{frame->width, frame->height, {}};
+            for (int c = 0; c < 3; ++c) {
+                const int w = c ? p.width / 2 : p.width, h = c ? p.height / 2 : p.height;
+                for (int y = 0; y < h; ++y)
+                    p.i420.insert(p.i420.end(), frame->data[c] + y * frame->linesize[c],
+                                  frame->data[c] + y * frame->linesize[c] + w);
+            }
+            out.push_back(std::move(p));
+        }
+    };
+    for (const Bytes& u : units) {
+        pkt->data = const_cast<uint8_t*>(u.data());
+        pkt->size = static_cast<int>(u.size());
+        avcodec_send_packet(ctx.get(), pkt.get());
+        drain();
+    }
+    avcodec_send_packet(ctx.get(), nullptr);
+    drain();
+    return out;
+}
+
+class Decoder {
+public:
+    explicit Decoder(uint32_t max_w, uint32_t max_h, IHW265D_INIT_PARAM extra = {}) {
+        IHW265D_INIT_PARAM p = extra;
+        p.uiMaxWidth = max_w;
+        p.uiMaxHeight = max_h;
+        p.uiThreads = 1;
+        create_result_ = IHW265D_Create(&handle_, &p);
+    }
+    ~Decoder() { IHW265D_Delete(handle_); }
+    Decoder(const Decoder&) = delete;
+    Decoder& operator=(const Decoder&) = delete;
+
+    uint32_t create_result() const { return create_result_; }
+    IHW265D_HANDLE handle() const { return handle_; }
+
+    uint32_t Decode(const Bytes& unit, IHW265D_OUTPUT* out) {
+        IHW265D_INPUT in{unit.data(), static_cast<uint32_t>(unit.size()), 0};
+        return IHW265D_Decode(handle_, &in, out);
+    }
+
+private:
+    IHW265D_HANDLE handle_ = nullptr;
+    uint32_t create_result_ = 0;
+};
+
+Picture Pack(const IHW265D_OUTPUT& o) {
+    Picture p{static_cast<int>(o.uiWidth), static_cast<int>(o.uiHeight), {}};
+    const uint8_t* planes[3] = {o.pY, o.pU, o.pV};
+    for (int c = 0; c < 3; ++c) {
+        const int w = c ? p.width / 2 : p.width, h = c ? p.height / 2 : p.height;
+        const uint32_t stride = c ? o.uiUVStride : o.uiYStride;
+        for (int y = 0; y < h; ++y) p.i420.insert(p.i420.end(), planes[c] + y * stride, planes[c] + y * stride + w);
+    }
+    return p;
+}
+
+TEST(Ihw265dDecode, PicturesMatchFfmpegBitForBit) {
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    ASSERT_EQ(units.size(), 50u);
+    const std::vector<Picture> reference = DecodeWithFfmpeg(units);
+    ASSERT_EQ(reference.size(), units.size());
+
+    Decoder dec(320, 240);
+    ASSERT_EQ(dec.create_result(), IHW265D_OK);
+    for (size_t i = 0; i < units.size(); ++i) {
+        IHW265D_OUTPUT out;
+        ASSERT_EQ(dec.Decode(units[i], &out), IHW265D_OK) << i;
+        // Without B-frames every access unit gives its picture at once.
+        ASSERT_EQ(out.uiDecodeStatus, IHW265D_STATUS_PICTURE) << i;
+        EXPECT_EQ(out.uiFlags, 0u);
+        EXPECT_EQ(out.uiErrorCode, 0u);
+        ASSERT_EQ(out.uiWidth, 320u);
+        ASSERT_EQ(out.uiHeight, 240u);
+        EXPECT_GE(out.uiYStride, 320u);
+        EXPECT_GE(out.uiUVStride, 160u);
+        EXPECT_TRUE(Pack(out).i420 == reference[i].i420) << "picture " << i;
+    }
+}
+
+// Offsets of the NAL units (their start codes) in an Annex-B unit.
+std::vector<size_t> NalStarts(const Bytes& u) {
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 3 <= u.size(); ++i)
+        if (u[i] == 0 && u[i + 1] == 0 && u[i + 2] == 1) {
+            starts.push_back(i > 0 && u[i - 1] == 0 ? i - 1 : i);
+            i += 2;
+        }
+    return starts;
+}
+
+int NalType(const Bytes& u, size_t start) {
+    const size_t hdr = start + (u[start + 2] == 1 ? 3 : 4);
+    return (u[hdr] >> 1) & 0x3F;
+}
+
+TEST(Ihw265dStatus, NoPictureUntilTheSliceArrives) {
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    Decoder dec(320, 240);
+    IHW265D_OUTPUT out;
+    ASSERT_EQ(dec.Decode(Bytes{}, &out), IHW265D_OK);
+    EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_NO_PICTURE);
+    EXPECT_EQ(out.pY, nullptr);
+
+    // The key frame split into its parameter sets and SEI, then its slices.
+    const Bytes& key = units[0];
+    size_t first_slice = 0;
+    for (size_t s : NalStarts(key))
+        if (NalType(key, s) < 32) {
+            first_slice = s;
+            break;
+        }
+    ASSERT_GT(first_slice, 0u);
+    ASSERT_EQ(dec.Decode(Bytes(key.begin(), key.begin() + first_slice), &out), IHW265D_OK);
+    EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_NO_PICTURE);
+    ASSERT_EQ(dec.Decode(Bytes(key.begin() + first_slice, key.end()), &out), IHW265D_OK);
+    EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_PICTURE);
+    EXPECT_EQ(out.uiWidth, 320u);
+}
+
+TEST(Ihw265dStatus, CorruptedSlicesAreDamagedUntilTheNextKeyFrame) {
+    std::vector<bool> keys;
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
+    ASSERT_TRUE(keys[0] && keys[25]);
+    std::mt19937 rng(1);
+    Decoder dec(320, 240);
+    int corrupted = 0, damaged = 0;
+    for (size_t i = 0; i < units.size(); ++i) {
+        Bytes u = units[i];
+        const bool corrupt = !keys[i] && i % 5 == 3;  // P pictures 3, 8, 13, ...
+        if (corrupt) {
+            ++corrupted;
+            for (int k = 0; k < 3; ++k) u[u.size() / 2 + rng() % (u.size() / 2)] ^= uint8_t(1u << (rng() % 8));
+        }
+        IHW265D_OUTPUT out;
+        ASSERT_EQ(dec.Decode(u, &out), IHW265D_OK) << i;
+        ASSERT_NE(out.uiDecodeStatus, IHW265D_STATUS_NO_PICTURE) << i;
+        if (i < 3 || keys[i]) {
+            EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_PICTURE) << i;
+            EXPECT_EQ(out.uiFlags, 0u) << i;  // a key frame ends the damaged chain
+        }
+        if (out.uiDecodeStatus == IHW265D_STATUS_DAMAGED) {
+            ++damaged;
+            EXPECT_NE(out.uiErrorCode, 0u);
+            EXPECT_EQ(out.uiFlags, unsigned(IHW265D_FLAG_DAMAGED | IHW265D_FLAG_REF_DAMAGED));
+        } else if (i > 3 && i < 25) {
+            EXPECT_EQ(out.uiFlags, unsigned(IHW265D_FLAG_REF_DAMAGED)) << i;  // predicted from a damaged one
+        }
+    }
+    // A flip can land where it changes nothing detectable; most do not.
+    EXPECT_GE(damaged, corrupted * 2 / 3) << damaged << " of " << corrupted;
+}
+
+TEST(Ihw265dStatus, PictureLargerThanCreatedIsRefused) {
+    {
+        Decoder dec(160, 120);
+        IHW265D_OUTPUT out;
+        EXPECT_EQ(dec.Decode(ReadAccessUnits(HevcFixture(320, 240, 2))[0], &out), IHW265D_ERR_PICTURE_TOO_LARGE);
+        EXPECT_EQ(out.pY, nullptr);
+        EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_NO_PICTURE);
+    }
+    // A camera switching to a larger resolution in the middle of a stream.
+    std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    const std::vector<Bytes> larger = ReadAccessUnits(HevcFixture(640, 480, 1));
+    const size_t switch_at = units.size();
+    units.insert(units.end(), larger.begin(), larger.end());
+    Decoder dec(320, 240);
+    for (size_t i = 0; i < units.size(); ++i) {
+        IHW265D_OUTPUT out;
+        const uint32_t r = dec.Decode(units[i], &out);
+        if (i < switch_at) {
+            ASSERT_EQ(r, IHW265D_OK);
+            ASSERT_EQ(out.uiDecodeStatus, IHW265D_STATUS_PICTURE);
+        } else {
+            EXPECT_EQ(r, IHW265D_ERR_PICTURE_TOO_LARGE);
+            break;
+        }
+    }
+    // Smaller pictures than created are fine.
+    Decoder roomy(1920, 1080);
+    IHW265D_OUTPUT out;
+    EXPECT_EQ(roomy.Decode(ReadAccessUnits(HevcFixture(320, 240, 2))[0], &out), IHW265D_OK);
+    EXPECT_EQ(out.uiWidth, 320u);
+}
+
+// Reads every byte of a handed-out picture, so a plane that is shorter than
+// its stated size shows up under AddressSanitizer.
+unsigned Touch(const IHW265D_OUTPUT& o) {
+    if (!o.pY) return 0;
+    unsigned sum = 0;
+    for (uint32_t y = 0; y < o.uiHeight; ++y)
+        for (uint32_t x = 0; x < o.uiWidth; ++x) sum += o.pY[y * o.uiYStride + x];
+    for (uint32_t y = 0; y < o.uiHeight / 2; ++y)
+        for (uint32_t x = 0; x < o.uiWidth / 2; ++x) sum += o.pU[y * o.uiUVStride + x] + o.pV[y * o.uiUVStride + x];
+    return sum;
+}
+
+TEST(Ihw265dRobustness, BitFlippedAndTruncatedInputDecodesCleanly) {
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    for (unsigned seed = 0; seed < 8; ++seed) {
+        std::mt19937 rng(seed);
+        Decoder dec(320, 240);
+        int pictures = 0;
+        for (size_t i = 0; i < units.size(); ++i) {
+            Bytes u = units[i];
+            const unsigned flips = 1 + rng() % (seed + 2);  // headers too
+            for (unsigned k = 0; k < flips; ++k) u[rng() % u.size()] ^= uint8_t(1u << (rng() % 8));
+            if (rng() % 7 == 0) u.resize(rng() % u.size());
+            IHW265D_OUTPUT out;
+            const uint32_t r = dec.Decode(u, &out);
+            ASSERT_TRUE(r == IHW265D_OK || r == IHW265D_ERR_PICTURE_TOO_LARGE || r == IHW265D_ERR_STREAM) << std::hex << r;
+            if (out.uiDecodeStatus != IHW265D_STATUS_NO_PICTURE && out.pY) {
+                ++pictures;
+                EXPECT_LE(out.uiWidth, 320u);
+                EXPECT_LE(out.uiHeight, 240u);
+                Touch(out);
+            }
+        }
+        // Random garbage between pictures.
+        Bytes noise(4096);
+        for (auto& b : noise) b = uint8_t(rng());
+        IHW265D_OUTPUT out;
+        dec.Decode(noise, &out);
+        Touch(out);
+        EXPECT_LE(pictures, int(units.size()));
+    }
+}
+
+struct CallbackLog {
+    int allocs = 0;
+    int frees = 0;
+    uint32_t channel = 0;
+    std::string text;
+};
+CallbackLog g_callbacks;
+
+TEST(Ihw265dApi, CreationParametersAndCallbacks) {
+    IHW265D_VERSION v;
+    ASSERT_EQ(IHW265D_GetVersion(&v), IHW265D_OK);
+    EXPECT_NE(std::string(v.szVersion).find("libde265"), std::string::npos);
+
+    IHW265D_HANDLE h = reinterpret_cast<IHW265D_HANDLE>(1);
+    IHW265D_INIT_PARAM bad{};
+    EXPECT_EQ(IHW265D_Create(&h, &bad), IHW265D_ERR_INVALID_ARGUMENT);  // no size
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(IHW265D_Create(&h, nullptr), IHW265D_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(IHW265D_Delete(nullptr), IHW265D_OK);
+    IHW265D_OUTPUT out;
+    IHW265D_INPUT in{nullptr, 10, 0};
+    EXPECT_EQ(IHW265D_Decode(nullptr, &in, &out), IHW265D_ERR_INVALID_ARGUMENT);
+
+    g_callbacks = {};
+    IHW265D_INIT_PARAM p{};
+    p.uiChannelId = 7;
+    p.pfnMalloc = [](uint32_t ch, uint32_t size) -> void* {
+        ++g_callbacks.allocs;
+        g_callbacks.channel = ch;
+        return malloc(size);
+    };
+    p.pfnFree = [](uint32_t, void* ptr) {
+        ++g_callbacks.frees;
+        free(ptr);
+    };
+    p.pfnLog = [](uint32_t, uint32_t, const char* text) { g_callbacks.text += text; };
+    {
+        Decoder dec(320, 240, p);
+        ASSERT_EQ(dec.create_result(), IHW265D_OK);
+        EXPECT_EQ(IHW265D_Decode(dec.handle(), &in, &out), IHW265D_ERR_INVALID_ARGUMENT);  // data missing
+        EXPECT_EQ(g_callbacks.allocs, 1);
+        EXPECT_EQ(g_callbacks.channel, 7u);
+        EXPECT_NE(g_callbacks.text.find("320x240"), std::string::npos) << g_callbacks.text;
+    }
+    EXPECT_EQ(g_callbacks.frees, 1);
+}
+
+}  // namespace
