@@ -10,6 +10,7 @@
 
 #include "engine/av_ptr.h"
 #include "engine/h265/IHW265D.h"
+#include "engine/h265/ihw265d_stage.h"
 #include "support/fixtures.h"
 
 namespace {
@@ -328,6 +329,179 @@ TEST(Ihw265dApi, CreationParametersAndCallbacks) {
         EXPECT_NE(g_callbacks.text.find("320x240"), std::string::npos) << g_callbacks.text;
     }
     EXPECT_EQ(g_callbacks.frees, 1);
+}
+
+// The first key frame with a prefix SEI of payload type 229 placed right
+// after its parameter sets, behind a four-byte start code: the IHW265D marker.
+Bytes WithMarker(const Bytes& key) {
+    size_t insert_at = key.size();
+    for (size_t s : NalStarts(key)) {
+        const int type = NalType(key, s);
+        if (type != 32 && type != 33 && type != 34) {  // past VPS, SPS, PPS
+            insert_at = s;
+            break;
+        }
+    }
+    const Bytes sei = {0, 0, 0, 1, 0x4E, 0x01, 0xE5, 0x04, 0xC1, 0xA2, 0xB3, 0xD4, 0x80};
+    Bytes marked(key.begin(), key.begin() + insert_at);
+    marked.insert(marked.end(), sei.begin(), sei.end());
+    marked.insert(marked.end(), key.begin() + insert_at, key.end());
+    return marked;
+}
+
+TEST(Ihw265dChoice, MarkerScan) {
+    Bytes m = {0, 0, 0, 1, 0x4E, 0x01, 0xE5};
+    EXPECT_TRUE(camctl::h265::HasIhw265dMarker(m.data(), 7));
+    EXPECT_FALSE(camctl::h265::HasIhw265dMarker(m.data(), 6));  // shorter than 7 bytes
+    m[4] = 0x4F;  // the layer-id bit does not matter
+    EXPECT_TRUE(camctl::h265::HasIhw265dMarker(m.data(), 7));
+    m[4] = 0x50;  // suffix SEI
+    EXPECT_FALSE(camctl::h265::HasIhw265dMarker(m.data(), 7));
+    m[4] = 0x4E;
+    m[6] = 0x05;  // another payload type
+    EXPECT_FALSE(camctl::h265::HasIhw265dMarker(m.data(), 7));
+
+    // Only the first 255 positions are scanned.
+    Bytes far(300, 0x55);
+    const Bytes marker = {0, 0, 0, 1, 0x4E, 0x01, 0xE5};
+    std::copy(marker.begin(), marker.end(), far.begin() + 254);
+    EXPECT_TRUE(camctl::h265::HasIhw265dMarker(far.data(), int(far.size())));
+    std::fill(far.begin(), far.end(), 0x55);
+    std::copy(marker.begin(), marker.end(), far.begin() + 255);
+    EXPECT_FALSE(camctl::h265::HasIhw265dMarker(far.data(), int(far.size())));
+
+    // x265's own SEI (user data, three-byte start code) is no marker.
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    EXPECT_FALSE(camctl::h265::HasIhw265dMarker(units[0].data(), int(units[0].size())));
+    const Bytes marked = WithMarker(units[0]);
+    EXPECT_TRUE(camctl::h265::HasIhw265dMarker(marked.data(), int(marked.size())));
+}
+
+struct ContextFreer {
+    void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
+};
+using ContextPtr = std::unique_ptr<FFMpegContext, ContextFreer>;
+
+ContextPtr MakeContext(int width, int height) {
+    ContextPtr ctx(FFMpegContextAlloc());
+    ctx->m_nVideoCodecId = AV_CODEC_ID_HEVC;
+    ctx->m_nWidth = width;
+    ctx->m_nHeight = height;
+    ctx->m_bRunning = 1;
+    return ctx;
+}
+
+AVPacket View(const Bytes& u) {
+    AVPacket p{};
+    p.data = const_cast<uint8_t*>(u.data());
+    p.size = static_cast<int>(u.size());
+    return p;
+}
+
+TEST(Ihw265dChoice, CreationAndChoice) {
+    const Bytes key = ReadAccessUnits(HevcFixture(320, 240, 2))[0];
+    const Bytes marked = WithMarker(key);
+    {
+        ContextPtr ctx = MakeContext(320, 240);
+        testing::internal::CaptureStderr();
+        AVPacket p = View(key);
+        EXPECT_FALSE(camctl::h265::ChooseIhw265d(ctx.get(), &p));
+        // Every H.265 stream gets its instance, marked or not.
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("IHW265D_Create===success====0x0===="),
+                  std::string::npos);
+        EXPECT_TRUE(ctx->m_hH265Decoder);
+        IHW265D_HANDLE first = ctx->m_hH265Decoder.get();
+        p = View(marked);
+        EXPECT_TRUE(camctl::h265::ChooseIhw265d(ctx.get(), &p));
+        EXPECT_EQ(ctx->m_hH265Decoder.get(), first);  // not made twice
+    }
+    {
+        ContextPtr ctx = MakeContext(0, 0);  // an instance cannot be made for no size
+        testing::internal::CaptureStderr();
+        AVPacket p = View(marked);
+        EXPECT_FALSE(camctl::h265::ChooseIhw265d(ctx.get(), &p));
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("IHW265D_Create===failed====0xf0401001===="),
+                  std::string::npos);
+        EXPECT_FALSE(ctx->m_hH265Decoder);
+    }
+}
+
+TEST(Ihw265dStageTest, PicturesAndStagingCopy) {
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    const std::vector<Picture> reference = DecodeWithFfmpeg(units);
+    ContextPtr ctx = MakeContext(320, 240);
+    ASSERT_EQ(camctl::h265::CreateContextDecoder(ctx.get()), 0u);
+    camctl::h265::Ihw265dStage stage;
+    const uint64_t before = camctl::h265::Ihw265dPicturesDecoded();
+    for (size_t i = 0; i < 5; ++i) {
+        const Bytes unit = i == 0 ? WithMarker(units[0]) : units[i];
+        AVPacket p = View(unit);
+        ASSERT_EQ(stage.Decode(ctx.get(), &p), camctl::h265::Ihw265dStage::Outcome::kPicture);
+        EXPECT_TRUE(stage.clean());
+        const AVFrame* staged = stage.StagedPicture();
+        ASSERT_NE(staged, nullptr);
+        ASSERT_EQ(staged->width, 320);
+        IHW265D_OUTPUT packed{};
+        packed.uiWidth = 320;
+        packed.uiHeight = 240;
+        packed.pY = staged->data[0];
+        packed.pU = staged->data[1];
+        packed.pV = staged->data[2];
+        packed.uiYStride = staged->linesize[0];
+        packed.uiUVStride = staged->linesize[1];
+        EXPECT_TRUE(Pack(packed).i420 == reference[i].i420) << i;
+        EXPECT_NE(stage.Picture()->data[0], staged->data[0]);  // a copy, not the decoder's plane
+    }
+    EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded() - before, 5u);
+}
+
+TEST(Ihw265dStageTest, FourthDamagedPictureStopsTheThread) {
+    std::vector<bool> keys;
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
+    ContextPtr ctx = MakeContext(320, 240);
+    ASSERT_EQ(camctl::h265::CreateContextDecoder(ctx.get()), 0u);
+    camctl::h265::Ihw265dStage stage;
+    std::mt19937 rng(3);
+    int damaged = 0;
+    bool stopped = false;
+    testing::internal::CaptureStderr();
+    for (size_t i = 0; i < units.size() && !stopped; ++i) {
+        Bytes u = units[i];
+        if (!keys[i])  // wreck the second half of every P picture's slice data
+            for (size_t k = u.size() / 2; k < u.size(); k += 3) u[k] = uint8_t(rng());
+        AVPacket p = View(u);
+        switch (stage.Decode(ctx.get(), &p)) {
+            case camctl::h265::Ihw265dStage::Outcome::kDamaged:
+                ++damaged;
+                EXPECT_EQ(ctx->m_bRunning.load(), 1);
+                EXPECT_FALSE(stage.clean());
+                break;
+            case camctl::h265::Ihw265dStage::Outcome::kStop:
+                stopped = true;
+                break;
+            default:
+                break;
+        }
+    }
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(stopped);
+    EXPECT_EQ(damaged, 3);  // three tolerated, the fourth stops
+    EXPECT_EQ(stage.damaged_count(), 4);
+    EXPECT_EQ(ctx->m_bRunning.load(), 0);
+    EXPECT_NE(log.find("===IH265D_ERR_HANDLE====nBadFrameCount:3====\n"), std::string::npos);
+}
+
+TEST(Ihw265dStageTest, LargerPictureThanCreatedStopsTheThread) {
+    const Bytes key = ReadAccessUnits(HevcFixture(640, 480, 1))[0];
+    ContextPtr ctx = MakeContext(320, 240);
+    ASSERT_EQ(camctl::h265::CreateContextDecoder(ctx.get()), 0u);
+    camctl::h265::Ihw265dStage stage;
+    AVPacket p = View(key);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(stage.Decode(ctx.get(), &p), camctl::h265::Ihw265dStage::Outcome::kStop);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("maybe resolution change to big one====="),
+              std::string::npos);
+    EXPECT_EQ(ctx->m_bRunning.load(), 0);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "engine/av_ptr.h"
+#include "engine/h265/ihw265d_handle.h"
 #include "runtime/os.h"
 
 struct FFMpegContext;
@@ -74,7 +75,7 @@ struct FFMpegContext {
     std::atomic<int32_t> m_nNetFrameRate{0};
     std::atomic<int32_t> m_nFramesCount{0};
 
-    void* m_hH265Decoder = nullptr;  // IHW265D instance, HEVC only
+    camctl::Ihw265dHandle m_hH265Decoder;  // IHW265D instance, HEVC only (deleted with the context)
 
     // Private HTTP frame protocol (reader thread only).
     int32_t m_bHttpFrame = 0;
