@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libavutil/frame.h>
 #include <libswscale/swscale.h>
@@ -39,6 +40,9 @@ struct AvioDeleter {
 struct BufferRefDeleter {
     void operator()(AVBufferRef* p) const { av_buffer_unref(&p); }
 };
+struct BsfDeleter {
+    void operator()(AVBSFContext* p) const { av_bsf_free(&p); }
+};
 struct AvFreeDeleter {
     void operator()(void* p) const { av_free(p); }
 };
@@ -51,6 +55,7 @@ using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
 using SwsPtr = std::unique_ptr<SwsContext, SwsDeleter>;
 using AvioPtr = std::unique_ptr<AVIOContext, AvioDeleter>;
 using BufferRefPtr = std::unique_ptr<AVBufferRef, BufferRefDeleter>;
+using BsfPtr = std::unique_ptr<AVBSFContext, BsfDeleter>;
 template <typename T>
 using AvBufferPtr = std::unique_ptr<T, AvFreeDeleter>;
 

@@ -55,6 +55,8 @@ struct FFMpegContext {
     camctl::OutputFormatPtr m_pRecordFmtCtx;
     AVStream* m_pRecordVideoStream = nullptr;
     AVStream* m_pRecordAudioStream = nullptr;
+    // Length-prefixed (MP4/MKV) H.264/H.265 to Annex B for the recording.
+    camctl::BsfPtr m_pRecordBsf;
 
     std::atomic<int32_t> m_nWidth{0};
     std::atomic<int32_t> m_nHeight{0};

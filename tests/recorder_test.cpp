@@ -1,0 +1,415 @@
+// AVI recorder: real packets from generated media files go through the
+// reader's write step into AVI files, which ffprobe then reads back.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "engine/engine.h"
+#include "support/fixtures.h"
+
+using camctl_test::Ffprobe;
+using camctl_test::Fixture;
+using camctl_test::TempDir;
+
+namespace {
+
+const char* kVideo = "-f lavfi -i testsrc2=size=320x240:rate=25 -t 4 ";
+const char* kX264 = "-c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -preset ultrafast ";
+
+std::string H264Ts() { return Fixture("rec_h264.ts", std::string(kVideo) + kX264); }
+std::string H264Mp4() { return Fixture("rec_h264.mp4", std::string(kVideo) + kX264); }
+std::string HevcMkv() {
+    return Fixture("rec_hevc.mkv", std::string(kVideo) +
+                                       "-c:v libx265 -preset ultrafast -x265-params bframes=0:keyint=25:log-level=error "
+                                       "-pix_fmt yuv420p");
+}
+std::string MjpegAvi() { return Fixture("rec_mjpeg.avi", std::string(kVideo) + "-c:v mjpeg -pix_fmt yuvj420p"); }
+std::string H264Mulaw() {
+    return Fixture("rec_h264_mulaw.nut", std::string(kVideo) + "-f lavfi -i sine=frequency=440:sample_rate=8000 -t 4 " +
+                                             kX264 + "-c:a pcm_mulaw -ar 8000 -ac 1 -shortest");
+}
+std::string H264Aac() {
+    return Fixture("rec_h264_aac.ts", std::string(kVideo) + "-f lavfi -i sine=frequency=440:sample_rate=16000 -t 4 " +
+                                          kX264 + "-c:a aac -b:a 32k -ar 16000 -ac 1 -shortest");
+}
+std::string H264G726() {
+    return Fixture("rec_h264_g726.mkv", std::string(kVideo) + "-f lavfi -i sine=frequency=440:sample_rate=8000 -t 4 " +
+                                            kX264 + "-c:a g726 -b:a 16k -ar 8000 -ac 1 -shortest");
+}
+
+uint32_t Le32(const std::vector<unsigned char>& b, size_t at) {
+    return b[at] | (b[at + 1] << 8) | (b[at + 2] << 16) | (static_cast<uint32_t>(b[at + 3]) << 24);
+}
+
+std::string Trim(std::string s) {
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ',')) s.pop_back();
+    return s;
+}
+
+// A media context set up the way stream opening leaves it, without threads:
+// demuxer, decoder contexts, indexes, codec ids and picture size.
+class RecordSource {
+public:
+    explicit RecordSource(const std::string& file) : ctx_(FFMpegContextAlloc()) {
+        AVFormatContext* raw = nullptr;
+        if (avformat_open_input(&raw, file.c_str(), nullptr, nullptr) < 0) return;
+        ctx_->m_pFormatCtx.reset(raw);
+        if (avformat_find_stream_info(raw, nullptr) < 0) return;
+        ctx_->m_nVideoIndex = av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+        if (ctx_->m_nVideoIndex < 0) return;
+        ctx_->m_pVideoCodecCtx = ContextFor(raw->streams[ctx_->m_nVideoIndex]);
+        ctx_->m_nVideoCodecId = raw->streams[ctx_->m_nVideoIndex]->codecpar->codec_id;
+        ctx_->m_nWidth = raw->streams[ctx_->m_nVideoIndex]->codecpar->width;
+        ctx_->m_nHeight = raw->streams[ctx_->m_nVideoIndex]->codecpar->height;
+        int audio = av_find_best_stream(raw, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (audio >= 0) {
+            ctx_->m_nAudioIndex = audio;
+            ctx_->m_pAudioCodecCtx = ContextFor(raw->streams[audio]);
+            ctx_->m_nAudioCodecId = raw->streams[audio]->codecpar->codec_id;
+        }
+        ok_ = true;
+    }
+    ~RecordSource() {
+        RecordStop(ctx_);
+        FFMpegContextFree(ctx_);
+    }
+    RecordSource(const RecordSource&) = delete;
+    RecordSource& operator=(const RecordSource&) = delete;
+
+    bool ok() const { return ok_; }
+    FFMpegContext* ctx() { return ctx_; }
+
+    // Hands up to max_packets packets (all when negative), after skipping
+    // skip of them, to the write step; the file is read loops times over.
+    // Returns the video packets handed over.
+    int Feed(int max_packets = -1, int skip = 0, int loops = 1) {
+        camctl::PacketPtr pkt = camctl::MakePacket();
+        int video = 0;
+        for (int n = 0; max_packets < 0 || n < max_packets + skip; ++n) {
+            if (av_read_frame(ctx_->m_pFormatCtx.get(), pkt.get()) < 0) {
+                if (--loops <= 0 || av_seek_frame(ctx_->m_pFormatCtx.get(), -1, 0, AVSEEK_FLAG_BACKWARD) < 0) break;
+                continue;
+            }
+            if (n >= skip) {
+                if (pkt->stream_index == ctx_->m_nVideoIndex) ++video;
+                RecordWritePacket(ctx_, pkt.get());
+            }
+            av_packet_unref(pkt.get());
+        }
+        return video;
+    }
+
+private:
+    static camctl::CodecContextPtr ContextFor(const AVStream* st) {
+        camctl::CodecContextPtr c(avcodec_alloc_context3(nullptr));
+        avcodec_parameters_to_context(c.get(), st->codecpar);
+        return c;
+    }
+
+    FFMpegContext* ctx_;
+    bool ok_ = false;
+};
+
+struct Probe {
+    std::string codecs;  // "video[,audio]" codec names
+    std::string video_tag;
+    int header_frames = -1;   // frame count in the stream header
+    int video_packets = -1;   // non-empty video chunks
+    int decoded_frames = -1;  // pictures a decoder gets out of them
+    std::string first_flags;
+    bool first_annexb = false;  // first packet starts with a start code
+    uint32_t scale = 0, rate = 0;
+};
+
+std::string Lines(const std::string& text) {
+    std::string out = text;
+    for (char& c : out)
+        if (c == '\n') c = ',';
+    return Trim(out);
+}
+
+Probe ProbeAvi(const std::string& path) {
+    Probe p;
+    p.codecs = Lines(Ffprobe("-show_entries stream=codec_name -of csv=p=0", path));
+    p.video_tag = Trim(Ffprobe("-select_streams v -show_entries stream=codec_tag_string -of csv=p=0", path));
+    std::string counts = Ffprobe(
+        "-select_streams v -count_frames -count_packets "
+        "-show_entries stream=nb_frames,nb_read_frames,nb_read_packets -of csv=p=0",
+        path);
+    int a = -1, b = -1, c = -1;
+    char first_field[32] = {};
+    if (sscanf(counts.c_str(), "%31[^,],%d,%d", first_field, &b, &c) == 3) {
+        a = first_field[0] >= '0' && first_field[0] <= '9' ? atoi(first_field) : -1;  // N/A: header not updated
+        p.header_frames = a;
+        p.decoded_frames = b;
+        p.video_packets = c;
+    }
+    std::string first = Ffprobe("-select_streams v -read_intervals %+#1 -show_packets -show_data -of flat", path);
+    size_t flags = first.find("flags=\"");
+    if (flags != std::string::npos) p.first_flags = first.substr(flags + 7, 1);
+    p.first_annexb = first.find("00000000: 0000 0001") != std::string::npos ||
+                     first.find("00000000: 0000 01") != std::string::npos;
+    auto bytes = camctl_test::ReadFileBytes(path);
+    if (bytes.size() >= 136) {
+        p.scale = Le32(bytes, 128);
+        p.rate = Le32(bytes, 132);
+    }
+    return p;
+}
+
+struct CodecCase {
+    const char* name;
+    std::string (*file)();
+    const char* codecs;
+    const char* tag;
+};
+
+void PrintTo(const CodecCase& c, std::ostream* os) { *os << c.name; }
+
+class RecorderCodecTest : public ::testing::TestWithParam<CodecCase> {};
+
+// Every video codec, with and without audio, from Annex-B and from
+// length-prefixed containers: the right codecs, key frame first, every
+// packet once, and the patched frame rate in the stream header.
+TEST_P(RecorderCodecTest, Record_ReadableByFfprobe) {
+    const CodecCase& c = GetParam();
+    TempDir dir;
+    std::string out = dir / "rec.avi";
+    RecordSource src(c.file());
+    ASSERT_TRUE(src.ok());
+    ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
+    EXPECT_EQ(RecordStart(src.ctx(), out.c_str()), -1) << "second start while recording";
+    // Start between key frames: the first packets are skipped until the
+    // next key frame.
+    src.Feed(-1, 7);
+    uint64_t frames = src.ctx()->m_nRecordFrames;
+    ASSERT_EQ(RecordStop(src.ctx()), 0);
+    EXPECT_EQ(RecordStop(src.ctx()), -1) << "second stop";
+
+    Probe p = ProbeAvi(out);
+    EXPECT_EQ(p.codecs, c.codecs);
+    EXPECT_EQ(p.video_tag, c.tag);
+    EXPECT_EQ(p.header_frames, static_cast<int>(frames)) << "empty frames were inserted";
+    EXPECT_EQ(p.video_packets, static_cast<int>(frames));
+    EXPECT_EQ(p.decoded_frames, static_cast<int>(frames));
+    EXPECT_EQ(p.first_flags, "K");
+    if (std::string(c.tag) != "MJPG") {
+        EXPECT_TRUE(p.first_annexb) << "length-prefixed NAL units in an AVI";
+    }
+    EXPECT_EQ(p.scale, 100u);
+    EXPECT_GE(p.rate, 1u);
+    EXPECT_LE(p.rate, 300000u);
+    // 4 s at 25 fps from the 7th packet on: the next key frame is packet 25
+    // (MJPEG: every packet is a key frame).
+    if (std::string(c.codecs).rfind("mjpeg", 0) == 0)
+        EXPECT_GE(frames, 90u);
+    else
+        EXPECT_EQ(frames, 75u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codecs, RecorderCodecTest,
+    ::testing::Values(CodecCase{"H264AnnexB", H264Ts, "h264", "H264"},
+                      CodecCase{"H264Mp4", H264Mp4, "h264", "H264"}, CodecCase{"HevcMkv", HevcMkv, "hevc", "HEVC"},
+                      CodecCase{"Mjpeg", MjpegAvi, "mjpeg", "MJPG"},
+                      CodecCase{"H264Mulaw", H264Mulaw, "h264,pcm_mulaw", "H264"},
+                      CodecCase{"H264Aac", H264Aac, "h264,aac", "H264"},
+                      CodecCase{"H264G726", H264G726, "h264,adpcm_g726", "H264"}),
+    [](const ::testing::TestParamInfo<CodecCase>& i) { return std::string(i.param.name); });
+
+// The stream time base reaches the file as dwScale 100 / dwRate 2499 and
+// only dwRate is rewritten when the recording stops.
+TEST(Recorder, TimeBase_WrittenThenRatePatched) {
+    TempDir dir;
+    std::string out = dir / "tb.avi";
+    RecordSource src(H264Ts());
+    ASSERT_TRUE(src.ok());
+    ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
+    src.Feed();
+    // Enough has been written for the header to be on disk.
+    auto before = camctl_test::ReadFileBytes(out);
+    ASSERT_GE(before.size(), 136u);
+    EXPECT_EQ(Le32(before, 128), 100u);
+    EXPECT_EQ(Le32(before, 132), 2499u);
+    src.ctx()->nSaveTickCount = os_tick_count64() - 1000;
+    ASSERT_EQ(RecordStop(src.ctx()), 0);
+    auto after = camctl_test::ReadFileBytes(out);
+    ASSERT_GE(after.size(), 136u);
+    EXPECT_EQ(Le32(after, 128), 100u);
+    // 100 frames over about one second.
+    EXPECT_GE(Le32(after, 132), 9990u);
+    EXPECT_LE(Le32(after, 132), 10000u);
+    // Nothing but dwRate changed in the first 136 bytes... except the sizes
+    // the trailer fills in, which lie before byte 100.
+    EXPECT_TRUE(std::equal(before.begin() + 100, before.begin() + 132, after.begin() + 100));
+}
+
+// Tick-based frame rate: 25 frames in 1000 ms give 2500; a stop in the
+// start's millisecond keeps 24; no video at all falls back to 3000.
+TEST(Recorder, VideoFreq_FromTicks) {
+    TempDir dir;
+    struct Case {
+        int packets;
+        int64_t ms_ago;
+        uint32_t lo, hi;
+    } cases[] = {{25, 1000, 2497, 2500}, {25, -5, 24, 24}, {0, 1000, 3000, 3000}};
+    int i = 0;
+    for (const Case& c : cases) {
+        std::string out = dir / ("f" + std::to_string(i++) + ".avi");
+        RecordSource src(H264Ts());
+        ASSERT_TRUE(src.ok());
+        ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
+        src.Feed(c.packets);
+        src.ctx()->nSaveTickCount = os_tick_count64() - c.ms_ago;
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(RecordStop(src.ctx()), 0);
+        std::string log = testing::internal::GetCapturedStderr();
+        auto b = camctl_test::ReadFileBytes(out);
+        ASSERT_GE(b.size(), 136u);
+        EXPECT_GE(Le32(b, 132), c.lo) << "case " << i;
+        EXPECT_LE(Le32(b, 132), c.hi) << "case " << i;
+        EXPECT_EQ(log.find("nVideoFreq:0  nVideoFreq error") != std::string::npos, c.packets == 0) << log;
+    }
+}
+
+// With 8 kHz audio the audio sample count, not the wall clock, sets the
+// rate: a 25 fps file fed as fast as possible still records as 25 fps.
+TEST(Recorder, VideoFreq_FromAudioSamples) {
+    TempDir dir;
+    std::string out = dir / "a.avi";
+    RecordSource src(H264Mulaw());
+    ASSERT_TRUE(src.ok());
+    ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
+    src.Feed();
+    uint64_t frames = src.ctx()->m_nRecordFrames;
+    uint64_t samples = src.ctx()->m_nRecordAudioPts;
+    ASSERT_GT(frames, 0u);
+    ASSERT_GT(samples, 0u);
+    ASSERT_EQ(RecordStop(src.ctx()), 0);
+    auto b = camctl_test::ReadFileBytes(out);
+    ASSERT_GE(b.size(), 136u);
+    EXPECT_EQ(Le32(b, 132), frames * 800000 / samples);
+    EXPECT_NEAR(Le32(b, 132), 2500, 30);
+    // The audio in the file lasts as long as the samples counted.
+    std::string durations = Ffprobe("-select_streams a -show_entries packet=duration_time -of csv=p=0", out);
+    double total = 0;
+    for (size_t pos = 0; pos < durations.size();) {
+        size_t end = durations.find('\n', pos);
+        if (end == std::string::npos) end = durations.size();
+        if (end > pos) total += std::stod(durations.substr(pos, end - pos));
+        pos = end + 1;
+    }
+    EXPECT_NEAR(total, samples / 8000.0, 0.01);
+}
+
+TEST(Recorder, Start_UnknownExtensionFails) {
+    TempDir dir;
+    RecordSource src(H264Ts());
+    ASSERT_TRUE(src.ok());
+    std::string bad = dir / "clip.nosuchext";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(RecordStart(src.ctx(), bad.c_str()), -1);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("av_guess_format file:" + bad + " error!"), std::string::npos) << log;
+    EXPECT_EQ(src.ctx()->m_bRecording, 0);
+    EXPECT_FALSE(camctl_test::FileExists(bad));
+    // A directory that does not exist: no recording either.
+    EXPECT_EQ(RecordStart(src.ctx(), (dir / "missing/x.avi").c_str()), -1);
+    EXPECT_EQ(src.ctx()->m_bRecording, 0);
+    EXPECT_EQ(RecordStop(src.ctx()), -1);
+}
+
+struct ChildResult {
+    bool exited = false;
+    int code = -1;
+    int signal = 0;
+    std::string log;
+    long long size = -1;
+    uint64_t frames = 0;
+};
+
+// Records the mu-law file five times over in a child process with a file
+// size limit: set before the start, or lowered under the written size after
+// the first pass (writes then fail outright).
+ChildResult RecordUnderSizeLimit(const std::string& out, rlim_t limit, bool lower_midway) {
+    TempDir logdir;
+    std::string log = logdir / "child.log";
+    std::string frames_file = logdir / "frames";
+    std::string src_file = H264Mulaw();
+    ChildResult r;
+    pid_t pid = fork();
+    if (pid < 0) return r;
+    if (pid == 0) {
+        if (!freopen(log.c_str(), "w", stderr)) _exit(3);
+        struct rlimit lim {
+            limit, limit
+        };
+        if (!lower_midway && setrlimit(RLIMIT_FSIZE, &lim) != 0) _exit(3);
+        RecordSource src(src_file);
+        if (!src.ok() || RecordStart(src.ctx(), out.c_str()) != 0) _exit(4);
+        src.Feed();
+        if (lower_midway && setrlimit(RLIMIT_FSIZE, &lim) != 0) _exit(3);
+        src.Feed(-1, 0, 4);
+        uint64_t frames = src.ctx()->m_nRecordFrames;
+        int stopped = RecordStop(src.ctx());
+        FILE* f = fopen(frames_file.c_str(), "w");
+        if (f) {
+            fprintf(f, "%llu", static_cast<unsigned long long>(frames));
+            fclose(f);
+        }
+        _exit(stopped == 0 ? 0 : 5);
+    }
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return r;
+    r.exited = WIFEXITED(status);
+    r.code = r.exited ? WEXITSTATUS(status) : -1;
+    r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    camctl_test::RunCommand("cat '" + log + "'", &r.log);
+    std::string frames;
+    camctl_test::RunCommand("cat '" + frames_file + "'", &frames);
+    if (!frames.empty()) r.frames = std::stoull(frames);
+    r.size = camctl_test::FileSize(out);
+    return r;
+}
+
+// A recording that would outgrow the file size limit is closed in time:
+// complete header and index, every packet that went in, and a log line.
+TEST(Recorder, SizeLimit_ClosedWithIndex) {
+    TempDir dir;
+    std::string out = dir / "full.avi";
+    const rlim_t kLimit = 600 * 1024;
+    ChildResult r = RecordUnderSizeLimit(out, kLimit, false);
+    ASSERT_TRUE(r.exited) << "child killed by signal " << r.signal;
+    EXPECT_EQ(r.code, 0);
+    EXPECT_LE(r.size, static_cast<long long>(kLimit));
+    EXPECT_NE(r.log.find("record file:" + out + " no room left"), std::string::npos) << r.log;
+    Probe p = ProbeAvi(out);
+    EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
+    EXPECT_GT(r.frames, 50u);
+    EXPECT_EQ(p.header_frames, static_cast<int>(r.frames));
+    EXPECT_EQ(p.video_packets, static_cast<int>(r.frames));
+    EXPECT_EQ(p.decoded_frames, static_cast<int>(r.frames));
+    EXPECT_EQ(p.first_flags, "K");
+}
+
+// Writes that fail outright (the limit drops under the file's size) neither
+// kill the process with SIGXFSZ nor lose what reached the file.
+TEST(Recorder, WriteFailure_ProcessSurvives) {
+    TempDir dir;
+    std::string out = dir / "cut.avi";
+    ChildResult r = RecordUnderSizeLimit(out, 100 * 1024, true);
+    ASSERT_TRUE(r.exited) << "child killed by signal " << r.signal;
+    EXPECT_EQ(r.code, 0);
+    EXPECT_NE(r.log.find("file:" + out), std::string::npos) << r.log;
+    Probe p = ProbeAvi(out);
+    EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
+    EXPECT_GT(p.video_packets, 10);
+    EXPECT_EQ(p.first_flags, "K");
+}
+
+}  // namespace
