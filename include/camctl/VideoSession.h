@@ -14,6 +14,7 @@
 // session answers every query with its failure value and does nothing.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "camctl/FrameListener.h"
@@ -61,7 +62,7 @@ protected:
     static int FrameWait(FFMpegContext* ctx);
 
     FFMpegContext* m_pContext;
-    int32_t m_bOpen;
+    std::atomic<int32_t> m_bOpen;  // also read from the engine's threads
     int32_t m_bD3DDisplay;
     void* m_pOwner;
     int32_t m_bFileSession;

@@ -93,6 +93,12 @@ struct FFMpegContext {
     std::atomic<uint64_t> m_nAudioRefPts{0};
     std::atomic<uint64_t> m_nAudioClock{0};
     std::atomic<uint64_t> m_nVideoOffset{0};
+
+    // Blocking-I/O guard read by the demuxer's interrupt callback: I/O gives
+    // up once m_bAbortIo is set (by FFMpegContextDestroy) or the tick count
+    // passes m_nIoDeadline (0: no deadline). See ArmIoDeadline.
+    std::atomic<int32_t> m_bAbortIo{0};
+    std::atomic<uint64_t> m_nIoDeadline{0};
 };
 
 // Packet queues. Elements are deep copies (data + 32 bytes slack) that the

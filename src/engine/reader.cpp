@@ -1,0 +1,211 @@
+// The reader thread: pulls packets from the demuxer (or the private HTTP
+// frame stream), keeps the rate figures, feeds a running recording and
+// fills the video and audio queues. Also the video-to-audio pacing and the
+// seek request of file playback.
+//
+// Queue limits: a throttled (file) source stops reading at 11 queued video
+// packets; a live source whose decoder lags is flushed above 100 and then
+// waits for the next key frame.
+#include <ctime>
+
+#include "engine/engine.h"
+
+namespace {
+
+constexpr uint32_t kPauseSleepMs = 50;
+constexpr uint32_t kThrottleSleepMs = 20;
+constexpr int kThrottleQueue = 11;
+constexpr int kOverflowQueue = 100;
+constexpr uint32_t kRatePeriodMs = 3000;
+constexpr int kSmoothSamplePackets = 20;
+
+bool IsKey(const AVPacket* pkt) { return (pkt->flags & AV_PKT_FLAG_KEY) != 0; }
+
+// An MJPEG packet begins a picture only when its bytes 1..3 are zero
+// (the framing of the private HTTP stream).
+bool StartsPicture(const FFMpegContext* ctx, const AVPacket* pkt) {
+    if (ctx->m_nVideoCodecId != AV_CODEC_ID_MJPEG) return true;
+    return pkt->size >= 4 && pkt->data[1] == 0 && pkt->data[2] == 0 && pkt->data[3] == 0;
+}
+
+// Per-thread counters of the reader.
+struct ReaderState {
+    uint64_t rateStart = 0;       // start of the bit-rate period
+    uint64_t frameRateStart = 0;  // start of the frame-rate period
+    uint64_t periodBytes = 0;     // video bytes in the bit-rate period
+    int periodQueued = 0;         // video packets queued in the bit-rate period
+    int periodFrames = 0;         // video pictures read in the frame-rate period
+    int smoothCount = 0;
+    uint64_t smoothStart = 0;
+    bool dropUntilKey = false;
+    bool videoQueued = false;     // a video packet was queued since the start
+    time_t lastPacketTime = 0;    // wall time of the last packet handed on
+};
+
+void UpdateBitRate(FFMpegContext* ctx, ReaderState& st, const AVPacket* pkt) {
+    uint64_t now = os_tick_count64();
+    uint64_t ms = now - st.rateStart;
+    if (ms >= kRatePeriodMs) {
+        st.rateStart = now;
+        ctx->m_nNetFrameRate = st.periodQueued / 3;
+        ctx->m_fNetRate = float(double(st.periodBytes) * 8.0 / double(ms));
+        st.periodQueued = 0;
+        st.periodBytes = 0;
+    }
+    if (pkt->stream_index == ctx->m_nVideoIndex && pkt->size >= 0) st.periodBytes += uint64_t(pkt->size);
+}
+
+void CountVideoPacket(FFMpegContext* ctx, ReaderState& st, const AVPacket* pkt) {
+    uint64_t now = os_tick_count64();
+    if (ctx->m_bSmooth) {
+        if (st.smoothCount++ == 0) st.smoothStart = now;
+        if (st.smoothCount == kSmoothSamplePackets) {
+            ctx->m_nHalfFrameInterval = int32_t(uint32_t(now - st.smoothStart + 20) / 40);
+            st.smoothCount = 0;
+            st.smoothStart = now;
+        }
+    }
+    uint64_t ms = now - st.frameRateStart;
+    if (ms >= kRatePeriodMs) {
+        ctx->m_nFramesCount = int32_t((uint64_t(st.periodFrames) * 1000 + ms / 2) / ms);
+        st.periodFrames = 0;
+        st.frameRateStart = now;
+    }
+    if (StartsPicture(ctx, pkt)) ++st.periodFrames;
+}
+
+// Carries out a pending seek. False when the target lies beyond the end.
+bool ApplySeek(FFMpegContext* ctx, int64_t target) {
+    FlushVideoPackets(ctx);
+    int64_t seconds = target * ctx->m_nTimeBaseNum / ctx->m_nTimeBaseDen;
+    if (seconds > ctx->m_nDurationSec) return false;
+    av_seek_frame(ctx->m_pFormatCtx.get(), ctx->m_nVideoIndex, target, AVSEEK_FLAG_BACKWARD);
+    ctx->m_nSeekTarget = 0;
+    return true;
+}
+
+void OnOverflow(FFMpegContext* ctx, ReaderState& st, int count) {
+    os_print("GetAVPktListElmCount :%d", count);
+    FlushVideoPackets(ctx);
+    FlushAudioPackets(ctx);
+    ctx->m_nVideoOffset = 0;
+    ctx->m_nAudioRefTick = 0;
+    ctx->m_nAudioRefPts = 0;
+    st.dropUntilKey = true;
+}
+
+// Reads the next packet. False ends the reader (after logging why).
+bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt) {
+    if (network) ArmIoDeadline(ctx, kNetReadTimeoutMs);
+    int ret = av_read_frame(ctx->m_pFormatCtx.get(), pkt);
+    if (ret < 0) {
+        os_print("av_read_frame error time-period:%d", int(time(nullptr) - st.lastPacketTime));
+        return false;
+    }
+    return true;
+}
+
+void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
+    if (st.dropUntilKey) {
+        if (pkt->stream_index != ctx->m_nVideoIndex || !IsKey(pkt)) return;
+        st.dropUntilKey = false;
+    }
+    if (pkt->stream_index == ctx->m_nAudioIndex) {
+        PushAudioPacket(ctx, pkt);
+        return;
+    }
+    // The first queued video packet is a key frame taken while decoding is
+    // enabled; from then on every video packet is queued.
+    if (st.videoQueued || (IsKey(pkt) && ctx->m_bDecode)) {
+        PushVideoPacket(ctx, pkt);
+        st.videoQueued = true;
+        ++st.periodQueued;
+    }
+}
+
+}  // namespace
+
+void* ReadThreadProc(void* arg) {
+    auto* ctx = static_cast<FFMpegContext*>(arg);
+    os_thread_set_name("camctl/read");
+    const bool network = IsNetworkSource(ctx->m_szUrl);
+    ReaderState st;
+    st.rateStart = st.frameRateStart = os_tick_count64();
+    st.lastPacketTime = time(nullptr);
+    camctl::PacketPtr pkt = camctl::MakePacket();
+    if (!pkt) {
+        ctx->m_bReadEnd = 1;
+        return nullptr;
+    }
+
+    while (ctx->m_bRunning) {
+        if (ctx->m_bPause) {
+            os_sleep_ms(kPauseSleepMs);
+            continue;
+        }
+        int64_t target = ctx->m_nSeekTarget;
+        if (target > 0 && !ApplySeek(ctx, target)) {
+            os_print("Seek error time-period:%d", int(time(nullptr) - st.lastPacketTime));
+            break;
+        }
+        int queued = GetAVPktListElmCount(ctx);
+        if (ctx->m_bThrottleRead && queued >= kThrottleQueue) {
+            os_sleep_ms(kThrottleSleepMs);
+            continue;
+        }
+        if (queued > kOverflowQueue) {
+            OnOverflow(ctx, st, queued);
+            continue;
+        }
+        if (ctx->m_bRecording && ctx->nSaveTickCount == 0)
+            os_print("nSaveTickCount:%d\n", int(ctx->nSaveTickCount.load()));
+
+        if (!ReadPacket(ctx, st, network, pkt.get())) break;
+
+        UpdateBitRate(ctx, st, pkt.get());
+        const int index = pkt->stream_index;
+        if (index != ctx->m_nVideoIndex && index != ctx->m_nAudioIndex) {
+            av_packet_unref(pkt.get());
+            continue;
+        }
+        if (index == ctx->m_nVideoIndex) CountVideoPacket(ctx, st, pkt.get());
+
+        st.lastPacketTime = time(nullptr);
+        RecordWritePacket(ctx, pkt.get());
+        Enqueue(ctx, st, pkt.get());
+        av_packet_unref(pkt.get());
+    }
+    ctx->m_bReadEnd = 1;
+    return nullptr;
+}
+
+int SyncVideoToAudio(FFMpegContext* ctx, int64_t pts) {
+    const uint32_t refPts = uint32_t(ctx->m_nAudioRefPts.load());
+    const uint32_t refTick = uint32_t(ctx->m_nAudioRefTick.load());
+    if (!ctx->m_nAudioRefPts || !ctx->m_nAudioRefTick || !ctx->m_nAudioClock) return 0;
+    const uint32_t now = os_tick_count();
+    if (now == 0) return 0;
+    if (int32_t(refTick - now) > 0) return 0;  // the audio reference lies ahead
+
+    uint32_t due;
+    if (ctx->m_bHttpSource) {
+        due = refTick - refPts + uint32_t(pts);  // millisecond timestamps
+    } else {
+        const uint32_t t = uint32_t(pts * 1000 / 90000);  // 90 kHz timestamps
+        if (ctx->m_nVideoOffset == 0) ctx->m_nVideoOffset = uint32_t(refTick - refPts - now + t);
+        due = refTick - refPts - uint32_t(ctx->m_nVideoOffset.load()) + t;
+    }
+    // Slept in slices so that closing the context is never held up.
+    for (int32_t wait = int32_t(due - os_tick_count()); wait > 0 && ctx->m_bRunning;
+         wait = int32_t(due - os_tick_count()))
+        os_sleep_ms(uint32_t(wait < int32_t(kPauseSleepMs) ? wait : int32_t(kPauseSleepMs)));
+    return 0;
+}
+
+int64_t RequestSeek(FFMpegContext* ctx, int64_t seconds) {
+    if (!ctx || ctx->m_nDurationSec < 5) return 0;
+    int64_t s = seconds / 5 * 5;
+    if (s < 5) s = 5;
+    ctx->m_nSeekTarget = s * ctx->m_nTimeBaseDen / ctx->m_nTimeBaseNum;
+    return s;
+}

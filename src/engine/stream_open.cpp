@@ -1,0 +1,310 @@
+// Opening and closing a stream: the one-time engine initialisation, and
+// FFMpegContextCreate / FFMpegContextDestroy for files, RTSP URLs and the
+// private HTTP frame stream.
+//
+// Network sources never block for good: every demuxer (and the AVIO
+// connection of the private HTTP stream) carries an interrupt callback that
+// gives up once the context is being destroyed or the current I/O deadline
+// has passed (kNetOpenTimeoutMs while opening, kNetReadTimeoutMs per read).
+// RTSP runs interleaved over the TCP control connection first: a server that
+// stops answering or goes away is then noticed by the next read. Only when
+// the server refuses that transport is the stream opened again over UDP.
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "engine/engine.h"
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+namespace {
+
+// Library-wide mutexes made by the one-time initialisation. FFmpeg 5 keeps
+// its own locks, so neither guards a lock-manager any more; g_avLock
+// serialises the network initialisation and stays available to engine units
+// that need a process-wide FFmpeg lock.
+os_mutex* g_avLock = nullptr;
+os_mutex* g_engineLock = nullptr;
+std::once_flag g_initOnce;
+
+constexpr int kCodecMpeg4 = AV_CODEC_ID_MPEG4;
+constexpr int kCodecMjpeg = AV_CODEC_ID_MJPEG;
+constexpr int kCodecHevc = AV_CODEC_ID_HEVC;
+constexpr int kProbePackets = 200;
+constexpr int kDefaultWidth = 1280;
+constexpr int kDefaultHeight = 720;
+
+struct ContextFreer {
+    void operator()(FFMpegContext* ctx) const { FFMpegContextFree(ctx); }
+};
+using ContextPtr = std::unique_ptr<FFMpegContext, ContextFreer>;
+
+struct DictFreer {
+    void operator()(AVDictionary* d) const { av_dict_free(&d); }
+};
+
+std::string ErrText(int err) {
+    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(err, buf, sizeof buf);
+    return buf;
+}
+
+bool Contains(const char* s, const char* what) { return s && std::strstr(s, what) != nullptr; }
+
+// Opens the demuxer once with the given RTSP lower transport ("" for none).
+int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AVFormatContext** out) {
+    AVFormatContext* fmt = avformat_alloc_context();
+    if (!fmt) return AVERROR(ENOMEM);
+    fmt->interrupt_callback.callback = IoInterruptCallback;
+    fmt->interrupt_callback.opaque = ctx;
+
+    AVDictionary* raw = nullptr;
+    if (*rtspTransport) {
+        av_dict_set(&raw, "rtsp_transport", rtspTransport, 0);
+        av_dict_set_int(&raw, "timeout", int64_t(kNetReadTimeoutMs) * 1000, 0);  // socket I/O, µs
+    } else if (IsNetworkSource(url)) {
+        av_dict_set_int(&raw, "rw_timeout", int64_t(kNetReadTimeoutMs) * 1000, 0);
+    }
+    std::unique_ptr<AVDictionary, DictFreer> opts(raw);
+    ArmIoDeadline(ctx, IsNetworkSource(url) ? kNetOpenTimeoutMs : 0);
+    AVDictionary* o = opts.release();
+    int ret = avformat_open_input(&fmt, url, nullptr, &o);  // frees fmt on failure
+    opts.reset(o);
+    if (ret >= 0) *out = fmt;
+    return ret;
+}
+
+// Reads up to kProbePackets packets and decodes video until a picture comes
+// out; its size becomes the context's size. A key frame that gave the
+// picture is queued so the stream starts with it (MJPEG pictures stand
+// alone and need no such help).
+void ProbePictureSize(FFMpegContext* ctx) {
+    AVFormatContext* fmt = ctx->m_pFormatCtx.get();
+    AVCodecContext* cc = ctx->m_pVideoCodecCtx.get();
+    camctl::PacketPtr pkt = camctl::MakePacket();
+    camctl::FramePtr frame = camctl::MakeFrame();
+    if (!pkt || !frame) return;
+    ArmIoDeadline(ctx, kNetOpenTimeoutMs);
+    for (int i = 0; i < kProbePackets; ++i) {
+        if (av_read_frame(fmt, pkt.get()) < 0) break;
+        if (pkt->stream_index != ctx->m_nVideoIndex) {
+            av_packet_unref(pkt.get());
+            continue;
+        }
+        bool got = avcodec_send_packet(cc, pkt.get()) >= 0 && avcodec_receive_frame(cc, frame.get()) >= 0;
+        if (got) {
+            ctx->m_nWidth = frame->width;
+            ctx->m_nHeight = frame->height;
+            if ((pkt->flags & AV_PKT_FLAG_KEY) && ctx->m_nVideoCodecId != kCodecMjpeg) PushVideoPacket(ctx, pkt.get());
+            av_packet_unref(pkt.get());
+            break;
+        }
+        av_packet_unref(pkt.get());
+    }
+    // The decode thread starts from the queued key frame with a clean decoder.
+    avcodec_flush_buffers(cc);
+    ArmIoDeadline(ctx, 0);
+}
+
+// Prepares a video decoder context for codec params of the stream (or, for
+// the private HTTP stream, just the codec). HEVC gets the hardware device
+// when one is usable and low-delay output.
+camctl::CodecContextPtr MakeVideoDecoder(const AVCodec* dec, const AVStream* st) {
+    camctl::CodecContextPtr cc(avcodec_alloc_context3(dec));
+    if (!cc) return nullptr;
+    if (st) {
+        if (avcodec_parameters_to_context(cc.get(), st->codecpar) < 0) return nullptr;
+        cc->pkt_timebase = st->time_base;
+    }
+    if (dec->id == kCodecHevc) {
+        PrepareHwDecoder(cc.get(), kCodecHevc);  // -1: software decoding
+        cc->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    }
+    if (avcodec_open2(cc.get(), dec, nullptr) < 0) return nullptr;
+    return cc;
+}
+
+int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
+    ctx->m_bHttpSource = 0;
+    const bool rtsp = Contains(url, "rtsp://");
+
+    AVFormatContext* fmt = nullptr;
+    int ret = OpenInput(ctx, url, rtsp ? "tcp" : "", &fmt);
+    if (ret < 0 && rtsp && !IoInterruptCallback(ctx) && ret != AVERROR(ECONNREFUSED) &&
+        ret != AVERROR(ETIMEDOUT) && ret != AVERROR_EXIT) {
+        os_print("%s: no interleaved RTSP (%s), trying UDP", maskedUrl, ErrText(ret).c_str());
+        ret = OpenInput(ctx, url, "udp", &fmt);
+    }
+    ArmIoDeadline(ctx, 0);
+    if (ret < 0) {
+        os_print("avformat_open_input error");
+        os_print("%s: %s", maskedUrl, ErrText(ret).c_str());
+        return -1;
+    }
+    ctx->m_pFormatCtx.reset(fmt);
+
+    const AVCodec* dec = nullptr;
+    int vi = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, &dec, 0);
+    if (vi < 0 || !dec) return -1;
+
+    // RTSP sessions describe their streams in the SDP; probing them would
+    // cost seconds of live video. MPEG-4 Part 2 needs the probe for its
+    // configuration.
+    if (!rtsp || dec->id == kCodecMpeg4) {
+        ArmIoDeadline(ctx, IsNetworkSource(url) ? kNetOpenTimeoutMs : 0);
+        avformat_find_stream_info(fmt, nullptr);
+        ArmIoDeadline(ctx, 0);
+    }
+
+    ctx->m_nDurationSec = fmt->duration == AV_NOPTS_VALUE ? 0 : fmt->duration / 1000000;
+    const AVStream* st = fmt->streams[vi];
+    int64_t den = st->time_base.den;
+    int64_t num = st->time_base.num < 1 ? 1 : st->time_base.num;
+    if (den < 1 || den > 30000) {
+        den = 24;
+        num = 1;
+    }
+    ctx->m_nTimeBaseDen = den;
+    ctx->m_nTimeBaseNum = num;
+    ctx->m_nVideoIndex = vi;
+    ctx->m_nVideoCodecId = dec->id;
+
+    camctl::CodecContextPtr cc = MakeVideoDecoder(dec, st);
+    if (!cc) return -1;
+    ctx->m_nWidth = cc->width;
+    ctx->m_nHeight = cc->height;
+    ctx->m_pVideoCodecCtx = std::move(cc);
+
+    if (rtsp) ProbePictureSize(ctx);
+    if (int64_t(ctx->m_nWidth) * ctx->m_nHeight == 0) {
+        ctx->m_nWidth = kDefaultWidth;
+        ctx->m_nHeight = kDefaultHeight;
+    }
+
+    // (HEVC: the IHW265D decoder instance is created here once its adapter
+    // is linked in; until then H.265 decodes through FFmpeg.)
+
+    // An audio stream at index 0 is not taken.
+    int ai = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (ai > 0) {
+        ctx->m_nAudioIndex = ai;
+        ctx->m_nAudioCodecId = fmt->streams[ai]->codecpar->codec_id;
+    }
+    ctx->m_bHttpFrame = 0;
+    return 0;
+}
+
+void JoinThread(os_thread*& t) {
+    if (!t) return;
+    os_thread_join(t);
+    os_thread_free(t);
+    t = nullptr;
+}
+
+}  // namespace
+
+int EngineGlobalInit() {
+    std::call_once(g_initOnce, [] {
+        g_avLock = os_mutex_create();
+        os_mutex_lock(g_avLock);
+        avformat_network_init();
+        os_mutex_unlock(g_avLock);
+        g_engineLock = os_mutex_create();
+    });
+    return 0;
+}
+
+void EngineGlobalUninit() {
+    if (g_avLock) os_mutex_destroy(g_avLock);
+    if (g_engineLock) os_mutex_destroy(g_engineLock);
+    g_avLock = nullptr;
+    g_engineLock = nullptr;
+}
+
+bool IsNetworkSource(const char* url) { return Contains(url, "://"); }
+
+void ArmIoDeadline(FFMpegContext* ctx, uint32_t ms) {
+    ctx->m_nIoDeadline.store(ms ? os_tick_count64() + ms : 0, std::memory_order_relaxed);
+}
+
+int IoInterruptCallback(void* opaque) {
+    auto* ctx = static_cast<FFMpegContext*>(opaque);
+    if (ctx->m_bAbortIo.load(std::memory_order_relaxed)) return 1;
+    uint64_t deadline = ctx->m_nIoDeadline.load(std::memory_order_relaxed);
+    return deadline != 0 && os_tick_count64() > deadline;
+}
+
+void MaskUrlCredentials(const char* url, char* out, int out_len) {
+    if (!out || out_len <= 0) return;
+    out[0] = '\0';
+    if (!url) return;
+    std::string s = url;
+    size_t scheme = s.find("://");
+    if (scheme != std::string::npos) {
+        size_t start = scheme + 3;
+        size_t hostEnd = s.find_first_of("/?#", start);
+        size_t at = s.rfind('@', hostEnd == std::string::npos ? std::string::npos : hostEnd);
+        if (at != std::string::npos && at >= start) {
+            size_t colon = s.find(':', start);
+            if (colon != std::string::npos && colon < at) s.replace(colon + 1, at - colon - 1, "***");
+        }
+    }
+    os_strlcpy(out, s.c_str(), out_len);
+}
+
+FFMpegContext* FFMpegContextCreate(void* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
+                                   int smooth) {
+    return FFMpegContextCreateEx(owner, url, yuvOutput, frameWait, smooth, ContextOptions{});
+}
+
+FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
+                                     int smooth, const ContextOptions& options) {
+    if (!url) return nullptr;
+    EngineGlobalInit();
+    ContextPtr ctx(FFMpegContextAlloc());
+    if (!ctx) return nullptr;
+    ctx->m_nAudioIndex = -1;
+
+    char masked[256];
+    MaskUrlCredentials(url, masked, sizeof masked);
+    if (OpenDemuxerSource(ctx.get(), url, masked) < 0) return nullptr;
+
+    ctx->m_pOwner = owner;
+    ctx->m_bRunning = 1;
+    os_strlcpy(ctx->m_szUrl, url, sizeof ctx->m_szUrl);
+    // Everything the threads read is in place before the first one starts.
+    ctx->m_pfnFrameWait = frameWait;
+    ctx->m_bSmooth = Contains(url, "playback") ? 0 : smooth;
+    ctx->m_bDecode = options.decode;
+    ctx->m_bThrottleRead = options.throttleRead;
+
+    ctx->m_hReadThread = os_thread_create(nullptr, ReadThreadProc, ctx.get());
+    if (ctx->m_hReadThread)
+        ctx->m_hVideoThread =
+            os_thread_create(nullptr, yuvOutput ? VideoDecodeThreadYuv : VideoDecodeThreadBgr, ctx.get());
+    if (!ctx->m_hVideoThread) {
+        ctx->m_bRunning = 0;
+        ctx->m_bAbortIo = 1;
+        JoinThread(ctx->m_hReadThread);
+        return nullptr;
+    }
+    os_print("FFMpegContextCreate  succ end(yuv:%d) 9999999999999999999999999", yuvOutput);
+    OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
+    return ctx.release();
+}
+
+int FFMpegContextDestroy(FFMpegContext* ctx) {
+    if (!ctx) return 0;
+    ctx->m_bRunning = 0;
+    ctx->m_bAbortIo = 1;  // wakes a reader blocked in network I/O
+    RecordStop(ctx);
+    JoinThread(ctx->m_hReadThread);
+    JoinThread(ctx->m_hVideoThread);
+    StopAudioThread(ctx);
+    // (HEVC: the IHW265D decoder instance is deleted here.)
+    FFMpegContextFree(ctx);  // queues, locks, decoders, then the source
+    return 0;
+}

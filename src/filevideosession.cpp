@@ -1,0 +1,81 @@
+// CFileVideoSession: a recorded file played by a CRecordPlayer, read
+// throttled and decoded in full; pause, resume, seek, position, duration.
+#include "camctl/FileVideoSession.h"
+
+#include "engine/engine.h"
+
+#if __has_include("camctl/RecordPlayer.h")
+#include "camctl/RecordPlayer.h"
+#define CAMCTL_HAVE_RECORDPLAYER 1
+#endif
+
+namespace {
+// Positions above this many time-base units are not trusted.
+constexpr uint64_t kMaxPosition = 100000;
+}  // namespace
+
+CFileVideoSession::CFileVideoSession() { m_bFileSession = 1; }
+
+CFileVideoSession::~CFileVideoSession() { VideoFree(); }
+
+#ifdef CAMCTL_HAVE_RECORDPLAYER
+int CFileVideoSession::DoVideoBuffer(unsigned char* buf, int width, int height) {
+    if (!m_pOwner) return -1;
+    static_cast<CRecordPlayer*>(m_pOwner)->DoVideoBuffer(this, buf, width, height);
+    return 0;
+}
+
+int CFileVideoSession::DoAudioBuffer(unsigned short* buf, int a, int b) {
+    if (!m_pOwner) return -1;
+    static_cast<CRecordPlayer*>(m_pOwner)->DoAudioBuffer(this, buf, a, b);
+    return 0;
+}
+#else
+// Built without the record player: there is no owner type to forward to.
+int CFileVideoSession::DoVideoBuffer(unsigned char*, int, int) { return -1; }
+int CFileVideoSession::DoAudioBuffer(unsigned short*, int, int) { return -1; }
+#endif
+
+int CFileVideoSession::UpdateMotionAlarmRegion(char*) { return 0; }
+
+int CFileVideoSession::Pause() {
+    if (!m_bOpen || !m_pContext) return -1;
+    m_pContext->m_bPause = 1;
+    return 0;
+}
+
+int CFileVideoSession::Resume() {
+    if (!m_bOpen || !m_pContext) return -1;
+    m_pContext->m_bPause = 0;
+    return 0;
+}
+
+bool CFileVideoSession::IsPlayFinish() {
+    if (!m_bOpen || !m_pContext) return false;
+    return m_pContext->m_bReadEnd != 0;
+}
+
+int64_t CFileVideoSession::GetTotalDuration() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nDurationSec;
+}
+
+int64_t CFileVideoSession::GetFrequency() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nTimeBaseDen / m_pContext->m_nTimeBaseNum;
+}
+
+int64_t CFileVideoSession::GetCurrTime() {
+    if (!m_bOpen || !m_pContext) return -1;
+    const uint64_t pos = uint64_t(m_pContext->m_nLastVideoPts.load());
+    if (pos > kMaxPosition || m_pContext->m_nDurationSec <= 0) return -1;
+    return int64_t(pos) * m_pContext->m_nTimeBaseNum / m_pContext->m_nTimeBaseDen;
+}
+
+int CFileVideoSession::SeekTime(int t) {
+    if (!m_bOpen || !m_pContext) return -1;
+    RequestSeek(m_pContext, t);
+    return 0;
+}
+
+int CFileVideoSession::SetSpeedLevel(int) { return m_bOpen ? 0 : -1; }

@@ -1,0 +1,93 @@
+// CUrlVideoSession: a camera's live stream. Pictures, audio and motion-region
+// updates go to the owning camera; recording is the engine's AVI recorder.
+#include "camctl/UrlVideoSession.h"
+
+#include "engine/engine.h"
+#include "runtime/trc_log.h"
+
+#if __has_include("camctl/IpCamera.h")
+#include "camctl/IpCamera.h"
+#define CAMCTL_HAVE_IPCAMERA 1
+#endif
+
+TRC_DEFINE_UNIT();
+
+CUrlVideoSession::CUrlVideoSession() : m_szName(), m_szReserved() { m_bFileSession = 0; }
+
+CUrlVideoSession::~CUrlVideoSession() { VideoFree(); }
+
+#ifdef CAMCTL_HAVE_IPCAMERA
+int CUrlVideoSession::DoVideoBuffer(unsigned char* buf, int width, int height) {
+    if (!m_pOwner) return -1;
+    static_cast<CIpCamera*>(m_pOwner)->DoVideoBuffer(this, buf, width, height);
+    return 0;
+}
+
+int CUrlVideoSession::DoAudioBuffer(unsigned short* buf, int a, int b) {
+    if (!m_pOwner) return -1;
+    static_cast<CIpCamera*>(m_pOwner)->DoAudioBuffer(this, buf, a, b);
+    return 0;
+}
+
+int CUrlVideoSession::UpdateMotionAlarmRegion(char* region) {
+    if (!m_pOwner) return -1;
+    static_cast<CIpCamera*>(m_pOwner)->UpdateMotionAlarmRegion(this, region);
+    return 0;
+}
+#else
+// Built without the camera classes: there is no owner type to forward to.
+int CUrlVideoSession::DoVideoBuffer(unsigned char*, int, int) { return -1; }
+int CUrlVideoSession::DoAudioBuffer(unsigned short*, int, int) { return -1; }
+int CUrlVideoSession::UpdateMotionAlarmRegion(char*) { return -1; }
+#endif
+
+int CUrlVideoSession::SetName(const char* name) {
+    os_strlcpy(m_szName, name ? name : "", sizeof m_szName);
+    return 0;
+}
+
+int CUrlVideoSession::StartSaveAvi(const char* path) {
+    if (!m_bOpen || !m_pContext) return -1;
+    StopSaveAvi();
+    return RecordStart(m_pContext, path);
+}
+
+int CUrlVideoSession::StopSaveAvi() {
+    if (!m_bOpen || !m_pContext) return -1;
+    trc_log(__FILE__, __LINE__, "", "CUrlVideoSession::StopSaveAvi start ...");
+    RecordStop(m_pContext);
+    trc_log(__FILE__, __LINE__, "", "CUrlVideoSession::StopSaveAvi end ...");
+    return 0;
+}
+
+int64_t CUrlVideoSession::GetSaveAviDurationSec() {
+    if (!m_bOpen || !m_pContext) return 0;
+    // Unsigned 32-bit difference: right across the tick counter's wrap.
+    const uint32_t elapsed = os_tick_count() - uint32_t(m_pContext->nSaveTickCount.load());
+    return elapsed / 1000;
+}
+
+int CUrlVideoSession::GetNetFrameRate() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nNetFrameRate;
+}
+
+float CUrlVideoSession::GetNetRateInfo() {
+    if (!m_bOpen || !m_pContext) return -1.0f;
+    return m_pContext->m_fNetRate;
+}
+
+int CUrlVideoSession::GetFramesCount() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nFramesCount;
+}
+
+int64_t CUrlVideoSession::GetFrequency() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nTimeBaseDen / m_pContext->m_nTimeBaseNum;
+}
+
+bool CUrlVideoSession::IsPlayFinish() {
+    if (!m_bOpen || !m_pContext) return false;
+    return m_pContext->m_bReadEnd != 0;
+}

@@ -1,0 +1,142 @@
+// CVideoSession: one media context behind the exported session interface,
+// plus the smooth-stream pacing that releases one picture per display-timer
+// interval.
+#include "camctl/VideoSession.h"
+
+#include <atomic>
+
+#include "engine/engine.h"
+
+namespace {
+
+constexpr uint32_t kFrameWaitMs = 1000;
+constexpr int kCondRounds = 25;
+
+// Display-timer rounds, 0..24, across all sessions.
+std::atomic<int> s_nCondRound{0};
+
+}  // namespace
+
+CVideoSession::CVideoSession()
+    : m_pContext(nullptr),
+      m_bOpen(0),
+      m_bD3DDisplay(0),
+      m_pOwner(nullptr),
+      m_bFileSession(0),
+      m_hFrameSignal(nullptr),
+      m_hSessionLock(nullptr),
+      m_nCondCount(0),
+      m_nSmoothStream(0),
+      m_nCondAdjust(0) {
+    EngineGlobalInit();  // once per process
+    m_hFrameSignal = os_cond_create();
+    m_hSessionLock = os_mutex_create();
+}
+
+CVideoSession::~CVideoSession() {
+    // Owners close first; a stream left open is closed here rather than left
+    // running against a destroyed session.
+    VideoFree();
+    os_cond_destroy(m_hFrameSignal);
+    os_mutex_destroy(m_hSessionLock);
+}
+
+int CVideoSession::DoVideoBuffer(unsigned char*, int, int) { return 0; }
+int CVideoSession::DoAudioBuffer(unsigned short*, int, int) { return 0; }
+int CVideoSession::UpdateMotionAlarmRegion(char*) { return 0; }
+
+int CVideoSession::FrameWait(FFMpegContext* ctx) {
+    auto* self = static_cast<CVideoSession*>(static_cast<IFrameListener*>(ctx->m_pOwner));
+    if (!self || self->m_bFileSession) return 0;
+    // At most one picture per release; a stalled host slows delivery to one
+    // picture a second but never stops it.
+    os_mutex_lock(self->m_hSessionLock);
+    os_cond_timedwait_ms(self->m_hFrameSignal, self->m_hSessionLock, kFrameWaitMs);
+    os_mutex_unlock(self->m_hSessionLock);
+    return 0;
+}
+
+int CVideoSession::VideoInit(void* owner, const char* url) {
+    if (m_bOpen) return -1;
+    ContextOptions options;
+    if (m_bFileSession) {
+        options.decode = 1;
+        options.throttleRead = 1;
+    }
+    FFMpegContext* ctx = FFMpegContextCreateEx(static_cast<IFrameListener*>(this), url, m_bD3DDisplay,
+                                               &CVideoSession::FrameWait, m_nSmoothStream, options);
+    if (!ctx) return -1;
+    m_pContext = ctx;
+    m_pOwner = owner;
+    m_bOpen = 1;
+    return 0;
+}
+
+int CVideoSession::VideoFree() {
+    if (!m_bOpen) return -1;
+    m_bOpen = 0;
+    os_cond_signal(m_hFrameSignal);  // wake a decode thread waiting for its release
+    // The threads are gone once the context is closed; only then are the
+    // fields they read cleared.
+    FFMpegContextDestroy(m_pContext);
+    m_pContext = nullptr;
+    m_bD3DDisplay = 0;
+    m_pOwner = nullptr;
+    return 0;
+}
+
+int CVideoSession::SetD3DDisplay(int yuv) {
+    m_bD3DDisplay = yuv;
+    return 0;
+}
+
+int CVideoSession::SetSmoothStream(int mode) {
+    m_nSmoothStream = mode;
+    return 0;
+}
+
+int CVideoSession::SetDecodeEnbale(int on) {
+    if (!m_bOpen || !m_pContext) return -1;
+    m_pContext->m_bDecode = on;
+    return 0;
+}
+
+int CVideoSession::GetVideoWidth() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nWidth;
+}
+
+int CVideoSession::GetVideoHeight() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return m_pContext->m_nHeight;
+}
+
+int CVideoSession::GetVideoCodec() {
+    if (!m_bOpen || !m_pContext) return -1;
+    return GetVideoCodecNumber(m_pContext);
+}
+
+int CVideoSession::SendVideoCond() {
+    if (!m_bOpen || !m_pContext) return -1;
+    if (m_bFileSession || m_nSmoothStream == 0 || !m_pContext->m_bDecode) return 0;
+
+    const int queued = GetAVPktListElmCount(m_pContext);
+    if (++m_nCondCount < m_pContext->m_nHalfFrameInterval + m_nCondAdjust) return 0;
+
+    // A long queue shortens the interval by one call per release, a short
+    // one lengthens it; in the middle band the correction starts over.
+    const int high = m_nSmoothStream == 1 ? 10 : 20;
+    const int low = m_nSmoothStream == 1 ? 5 : 10;
+    if (queued > high)
+        m_nCondAdjust -= 1;
+    else if (queued >= low)
+        m_nCondAdjust = 0;
+    else
+        m_nCondAdjust += 1;
+
+    os_cond_signal(m_hFrameSignal);
+    m_nCondCount = 0;
+    int round = s_nCondRound.load(std::memory_order_relaxed) + 1;
+    s_nCondRound.store(round >= kCondRounds ? 0 : round, std::memory_order_relaxed);
+    return 0;
+}
