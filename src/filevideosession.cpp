@@ -4,7 +4,8 @@
 
 #include "engine/engine.h"
 
-#if __has_include("camctl/RecordPlayer.h")
+// The owner class is forwarded to once it is part of the build.
+#if __has_include("camctl/RecordPlayer.h") && __has_include("recordplayer.cpp")
 #include "camctl/RecordPlayer.h"
 #define CAMCTL_HAVE_RECORDPLAYER 1
 #endif

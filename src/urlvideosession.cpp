@@ -5,7 +5,8 @@
 #include "engine/engine.h"
 #include "runtime/trc_log.h"
 
-#if __has_include("camctl/IpCamera.h")
+// The owner class is forwarded to once it is part of the build.
+#if __has_include("camctl/IpCamera.h") && __has_include("ipcamera.cpp")
 #include "camctl/IpCamera.h"
 #define CAMCTL_HAVE_IPCAMERA 1
 #endif

@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "engine/engine.h"
+#include "engine/http_frame.h"
 
 namespace {
 
@@ -97,6 +98,16 @@ void OnOverflow(FFMpegContext* ctx, ReaderState& st, int count) {
 // Reads the next packet. False ends the reader (after logging why).
 bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt) {
     if (network) ArmIoDeadline(ctx, kNetReadTimeoutMs);
+    if (ctx->m_bHttpFrame) {
+        int audioChanged = 0;
+        int newAudioCodec = 0;
+        if (http_read_one_frame(ctx, pkt, &audioChanged, &newAudioCodec) < 0) {
+            os_print("http_read_one_frame error time-period:%d", int(time(nullptr) - st.lastPacketTime));
+            return false;
+        }
+        if (audioChanged) OpenAudioDecoder(ctx, newAudioCodec);
+        return true;
+    }
     int ret = av_read_frame(ctx->m_pFormatCtx.get(), pkt);
     if (ret < 0) {
         os_print("av_read_frame error time-period:%d", int(time(nullptr) - st.lastPacketTime));

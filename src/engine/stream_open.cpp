@@ -15,6 +15,7 @@
 #include <string>
 
 #include "engine/engine.h"
+#include "engine/http_frame.h"
 
 extern "C" {
 #include <libavutil/error.h>
@@ -37,8 +38,13 @@ constexpr int kProbePackets = 200;
 constexpr int kDefaultWidth = 1280;
 constexpr int kDefaultHeight = 720;
 
+void FreeContext(FFMpegContext* ctx) {
+    av_freep(&ctx->m_pRecvBuf);
+    FFMpegContextFree(ctx);
+}
+
 struct ContextFreer {
-    void operator()(FFMpegContext* ctx) const { FFMpegContextFree(ctx); }
+    void operator()(FFMpegContext* ctx) const { FreeContext(ctx); }
 };
 using ContextPtr = std::unique_ptr<FFMpegContext, ContextFreer>;
 
@@ -127,6 +133,26 @@ camctl::CodecContextPtr MakeVideoDecoder(const AVCodec* dec, const AVStream* st)
     return cc;
 }
 
+// Opens the decoder of a demuxer's audio stream from its parameters. A
+// decoder that will not open leaves the stream without audio.
+void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStream* st, int index) {
+    camctl::CodecContextPtr ac(avcodec_alloc_context3(dec));
+    if (!ac || avcodec_parameters_to_context(ac.get(), st->codecpar) < 0) return;
+    ac->pkt_timebase = st->time_base;
+    if (dec->id == AV_CODEC_ID_ADPCM_G726) {
+        ac->bits_per_coded_sample = 2;
+        ac->sample_rate = 8000;
+    } else if (dec->id == AV_CODEC_ID_ADPCM_G722) {
+        ac->bits_per_coded_sample = 4;
+        ac->sample_rate = 16000;
+    }
+    if (avcodec_open2(ac.get(), dec, nullptr) < 0) return;
+    ctx->m_nAudioIndex = index;
+    ctx->m_nAudioCodecId = dec->id;
+    ctx->m_nAudioSampleRate = ac->sample_rate;
+    ctx->m_pAudioCodecCtx = std::move(ac);
+}
+
 int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
     ctx->m_bHttpSource = 0;
     const bool rtsp = Contains(url, "rtsp://");
@@ -188,12 +214,67 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     // is linked in; until then H.265 decodes through FFmpeg.)
 
     // An audio stream at index 0 is not taken.
-    int ai = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (ai > 0) {
-        ctx->m_nAudioIndex = ai;
-        ctx->m_nAudioCodecId = fmt->streams[ai]->codecpar->codec_id;
-    }
+    const AVCodec* adec = nullptr;
+    int ai = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, &adec, 0);
+    if (ai > 0 && adec) OpenStreamAudioDecoder(ctx, adec, fmt->streams[ai], ai);
     ctx->m_bHttpFrame = 0;
+    return 0;
+}
+
+// The private frame stream: the first 2000 bytes must hold a frame header,
+// which gives the picture size and the codecs.
+int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
+    ctx->m_bHttpSource = 1;
+    ctx->m_bHttpFrame = 1;
+    ctx->m_pRecvBuf = static_cast<uint8_t*>(av_mallocz(HTTP_RECV_BUF_SIZE));
+    if (!ctx->m_pRecvBuf) return -1;
+    ctx->m_nRecvLen = 0;
+
+    AVIOInterruptCB cb{IoInterruptCallback, ctx};
+    AVDictionary* raw = nullptr;
+    av_dict_set_int(&raw, "rw_timeout", int64_t(kNetReadTimeoutMs) * 1000, 0);
+    std::unique_ptr<AVDictionary, DictFreer> opts(raw);
+    AVIOContext* io = nullptr;
+    ArmIoDeadline(ctx, kNetOpenTimeoutMs);
+    AVDictionary* o = opts.release();
+    int ret = avio_open2(&io, url, AVIO_FLAG_READ, &cb, &o);
+    opts.reset(o);
+    if (ret < 0) {
+        ArmIoDeadline(ctx, 0);
+        os_print("FFMpegContextCreate  fail avio_open error(%d)", ret);
+        os_print("%s: %s", maskedUrl, ErrText(ret).c_str());
+        return -1;
+    }
+    ctx->m_pHttpIo.reset(io);
+
+    int got = avio_read(io, ctx->m_pRecvBuf, HTTP_READ_CHUNK);
+    ArmIoDeadline(ctx, 0);
+    if (got <= 0) {
+        os_print("avio_read failed");
+        return -1;
+    }
+    ctx->m_nRecvLen = uint32_t(got);  // parsed again by the reader
+
+    HttpFrameHeader h;
+    if (ParseFrameHeader(ctx->m_pRecvBuf, ctx->m_nRecvLen, &h) < 0) return -1;
+    os_print("header.ver:%d, width:%d, height:%d, size:%d codec:%d audio_codec:%d", int(h.ver), int(h.width),
+             int(h.height), int(h.size), int(h.codec), int(h.audio_codec));
+
+    ctx->m_nWidth = int32_t(h.width);
+    ctx->m_nHeight = int32_t(h.height);
+    ctx->m_nVideoIndex = 0;
+    ctx->m_nVideoCodecId = HttpFrameVideoCodecId(h.codec);
+    const AVCodec* dec = avcodec_find_decoder(AVCodecID(ctx->m_nVideoCodecId.load()));
+    if (!dec) return -1;
+    ctx->m_pVideoCodecCtx = MakeVideoDecoder(dec, nullptr);
+    if (!ctx->m_pVideoCodecCtx) return -1;
+
+    // The audio decoder itself is opened when the threads start.
+    if (h.audio_codec != -1) {
+        ctx->m_nAudioIndex = 1;
+        ctx->m_nAudioCodecId = HttpFrameAudioCodecId(h.audio_codec);
+        ctx->m_nAudioSampleRate = int32_t(h.sample_rate);
+    }
     return 0;
 }
 
@@ -270,7 +351,9 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
 
     char masked[256];
     MaskUrlCredentials(url, masked, sizeof masked);
-    if (OpenDemuxerSource(ctx.get(), url, masked) < 0) return nullptr;
+    const bool http = Contains(url, "http://");
+    if ((http ? OpenHttpSource(ctx.get(), url, masked) : OpenDemuxerSource(ctx.get(), url, masked)) < 0)
+        return nullptr;
 
     ctx->m_pOwner = owner;
     ctx->m_bRunning = 1;
@@ -292,7 +375,10 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
         return nullptr;
     }
     os_print("FFMpegContextCreate  succ end(yuv:%d) 9999999999999999999999999", yuvOutput);
-    OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
+    // The audio thread runs whether or not there is audio: it also drains
+    // the records of the private stream that carry no stream of their own.
+    if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
+    if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
     return ctx.release();
 }
 
@@ -305,6 +391,6 @@ int FFMpegContextDestroy(FFMpegContext* ctx) {
     JoinThread(ctx->m_hVideoThread);
     StopAudioThread(ctx);
     // (HEVC: the IHW265D decoder instance is deleted here.)
-    FFMpegContextFree(ctx);  // queues, locks, decoders, then the source
+    FreeContext(ctx);  // queues, locks, decoders, then the source
     return 0;
 }

@@ -1,0 +1,199 @@
+// Session classes over real files: open/close, queries, pause, seeking,
+// position, end of file, smooth-stream pacing and open/close cycles.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "camctl/FileVideoSession.h"
+#include "camctl/UrlVideoSession.h"
+#include "engine/engine.h"
+#include "support/engine_support.h"
+#include "support/fixtures.h"
+
+using camctl_test::Fixture;
+using camctl_test::PictureLog;
+using camctl_test::TimeMs;
+
+namespace {
+
+// 20 s at 25 fps in AVI (time base 1/25), a key frame every second.
+std::string LongAviClip() {
+    return Fixture("ses_h264_20s.avi",
+                   "-f lavfi -i testsrc2=size=160x120:rate=25 -t 20 -c:v libx264 -preset ultrafast -bf 0 -g 25 "
+                   "-pix_fmt yuv420p");
+}
+std::string ShortAviClip() {
+    return Fixture("ses_mjpeg_4s.avi", "-f lavfi -i testsrc2=size=160x120:rate=25 -t 4 -c:v mjpeg -q:v 8 -pix_fmt yuvj420p");
+}
+std::string HevcClip() {
+    return Fixture("ses_hevc_2s.mp4",
+                   "-f lavfi -i testsrc2=size=192x108:rate=25 -t 2 -c:v libx265 -preset ultrafast "
+                   "-x265-params log-level=error:bframes=0:keyint=25 -pix_fmt yuv420p");
+}
+
+// A file session whose pictures are logged instead of going to a player;
+// the test reaches into the context through the protected members.
+class TestFileSession : public CFileVideoSession {
+public:
+    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
+        log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
+        return 0;
+    }
+    FFMpegContext* Context() { return m_pContext; }
+    PictureLog log;
+};
+
+class TestUrlSession : public CUrlVideoSession {
+public:
+    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
+        log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
+        return 0;
+    }
+    FFMpegContext* Context() { return m_pContext; }
+    os_cond* Signal() { return m_hFrameSignal; }
+    int CondAdjust() const { return m_nCondAdjust; }
+    PictureLog log;
+};
+
+TEST(SessionTest, ClosedSession_AnswersWithFailureValues) {
+    TestFileSession f;
+    EXPECT_EQ(f.VideoFree(), -1);
+    EXPECT_EQ(f.SetDecodeEnbale(1), -1);
+    EXPECT_EQ(f.GetVideoWidth(), -1);
+    EXPECT_EQ(f.GetVideoHeight(), -1);
+    EXPECT_EQ(f.GetVideoCodec(), -1);
+    EXPECT_EQ(f.SendVideoCond(), -1);
+    EXPECT_EQ(f.Pause(), -1);
+    EXPECT_EQ(f.Resume(), -1);
+    EXPECT_FALSE(f.IsPlayFinish());
+    EXPECT_EQ(f.GetTotalDuration(), -1);
+    EXPECT_EQ(f.GetFrequency(), -1);
+    EXPECT_EQ(f.GetCurrTime(), -1);
+    EXPECT_EQ(f.SeekTime(10), -1);
+    EXPECT_EQ(f.SetSpeedLevel(2), -1);
+    EXPECT_EQ(f.SetD3DDisplay(1), 0);
+    EXPECT_EQ(f.SetSmoothStream(1), 0);
+
+    TestUrlSession u;
+    EXPECT_EQ(u.StartSaveAvi("/tmp/x.avi"), -1);
+    EXPECT_EQ(u.StopSaveAvi(), -1);
+    EXPECT_EQ(u.GetSaveAviDurationSec(), 0);
+    EXPECT_EQ(u.GetNetFrameRate(), -1);
+    EXPECT_FLOAT_EQ(u.GetNetRateInfo(), -1.0f);
+    EXPECT_EQ(u.GetFramesCount(), -1);
+    EXPECT_EQ(u.GetFrequency(), -1);
+    EXPECT_FALSE(u.IsPlayFinish());
+    EXPECT_EQ(u.SetName("front door"), 0);
+    // Without an owner the forwarding slots refuse.
+    EXPECT_EQ(static_cast<CUrlVideoSession&>(u).CUrlVideoSession::DoVideoBuffer(nullptr, 1, 1), -1);
+}
+
+TEST(SessionTest, FileSession_DecodesToTheEndInBothLayouts) {
+    for (int yuv : {0, 1}) {
+        TestFileSession s;
+        s.SetD3DDisplay(yuv);
+        ASSERT_EQ(s.VideoInit(&s, ShortAviClip().c_str()), 0);
+        EXPECT_EQ(s.VideoInit(&s, ShortAviClip().c_str()), -1) << "already open";
+        EXPECT_EQ(s.GetVideoWidth(), 160);
+        EXPECT_EQ(s.GetVideoHeight(), 120);
+        EXPECT_EQ(s.GetVideoCodec(), 2);
+        EXPECT_EQ(s.GetTotalDuration(), 4);
+        EXPECT_EQ(s.GetFrequency(), 25);
+        EXPECT_EQ(s.SetSpeedLevel(3), 0);
+        ASSERT_TRUE(PictureLog::WaitUntil([&] { return s.IsPlayFinish(); }, 10000));
+        ASSERT_TRUE(s.log.WaitForCount(100, 5000)) << s.log.Count();
+        EXPECT_EQ(s.log.Last().width, 160);
+        EXPECT_EQ(s.VideoFree(), 0);
+        EXPECT_FALSE(s.IsPlayFinish());
+        EXPECT_EQ(s.GetVideoWidth(), -1);
+    }
+}
+
+TEST(SessionTest, GetVideoCodec_Hevc) {
+    TestFileSession s;
+    ASSERT_EQ(s.VideoInit(&s, HevcClip().c_str()), 0);
+    EXPECT_EQ(s.GetVideoCodec(), 3);
+    EXPECT_TRUE(s.log.WaitForCount(1, 5000));
+    s.VideoFree();
+}
+
+TEST(SessionTest, SeekTime_FiveSecondStepsAndPositionFollows) {
+    TestFileSession s;
+    // Paced like a player, 10 ms per picture: 20 s of video last 5 s.
+    s.log.SetHook([] { std::this_thread::sleep_for(std::chrono::milliseconds(10)); });
+    ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
+    EXPECT_EQ(s.GetTotalDuration(), 20);
+    ASSERT_TRUE(s.log.WaitForCount(5, 5000));
+    int64_t t0 = s.GetCurrTime();
+    EXPECT_GE(t0, 0);
+    EXPECT_LT(t0, 5);
+
+    auto reaches = [&](int64_t lo, int64_t hi) {
+        int64_t t = -1;
+        bool ok = PictureLog::WaitUntil([&] { t = s.GetCurrTime(); return t >= lo && t < hi; }, 3000);
+        return ok ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "position " << t;
+    };
+    EXPECT_EQ(s.SeekTime(12), 0);  // 10 s
+    EXPECT_TRUE(reaches(10, 12));
+    EXPECT_EQ(s.SeekTime(3), 0);   // 5 s, backwards
+    EXPECT_TRUE(reaches(5, 7));
+    EXPECT_EQ(s.SeekTime(17), 0);  // 15 s
+    EXPECT_TRUE(reaches(15, 17));
+    EXPECT_EQ(s.SeekTime(-7), 0);  // 5 s
+    EXPECT_TRUE(reaches(5, 7));
+    EXPECT_FALSE(s.IsPlayFinish());
+
+    // Beyond the end: the reader gives up at once.
+    EXPECT_EQ(s.SeekTime(25), 0);
+    EXPECT_TRUE(PictureLog::WaitUntil([&] { return s.IsPlayFinish(); }, 2000));
+    s.VideoFree();
+}
+
+TEST(SessionTest, SeekTime_NothingOnFilesShorterThanFiveSeconds) {
+    TestFileSession s;
+    ASSERT_EQ(s.VideoInit(&s, HevcClip().c_str()), 0);  // 2 s
+    EXPECT_EQ(s.SeekTime(3), 0);
+    EXPECT_EQ(s.Context()->m_nSeekTarget, 0);
+    EXPECT_EQ(RequestSeek(s.Context(), 12), 0);
+    s.VideoFree();
+}
+
+TEST(SessionTest, RequestSeek_TargetInVideoTimeBase) {
+    TestFileSession s;
+    ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
+    s.Pause();  // the reader leaves the target alone while paused
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    FFMpegContext* ctx = s.Context();
+    EXPECT_EQ(RequestSeek(ctx, 12), 10);
+    EXPECT_EQ(ctx->m_nSeekTarget, 250);
+    EXPECT_EQ(RequestSeek(ctx, 3), 5);
+    EXPECT_EQ(RequestSeek(ctx, -7), 5);
+    EXPECT_EQ(ctx->m_nSeekTarget, 125);
+    EXPECT_EQ(RequestSeek(ctx, 19), 15);
+    s.Resume();
+    s.VideoFree();
+}
+
+TEST(SessionTest, Pause_StopsDeliveryUntilResume) {
+    TestFileSession s;
+    s.log.SetHook([] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+    ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
+    ASSERT_TRUE(s.log.WaitForCount(3, 5000));
+    EXPECT_EQ(s.Pause(), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a picture in flight lands
+    int paused = s.log.Count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(s.log.Count(), paused);
+    EXPECT_EQ(s.Resume(), 0);
+    EXPECT_TRUE(s.log.WaitForCount(paused + 5, 3000));
+    s.VideoFree();
+}
+
+TEST(SessionTest, VideoInit_MissingFileFails) {
+    TestFileSession s;
+    EXPECT_EQ(s.VideoInit(&s, "/nonexistent/clip.avi"), -1);
+    EXPECT_EQ(s.VideoFree(), -1);
+}
+
+}  // namespace
