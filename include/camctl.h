@@ -6,3 +6,5 @@
 #include "camctl/UrlVideoSession.h"
 #include "camctl/FileVideoSession.h"
 #include "camctl/RecordPlayer.h"
+#include "camctl/CDC.h"
+#include "camctl/VideoDisplayer.h"
