@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -353,6 +354,49 @@ TEST_F(CondFixture, Cond_WaitReleasesCallerMutexAndHandsOver) {
     EXPECT_EQ(handed.load(), 1);
     EXPECT_EQ(os_mutex_unlock(mutex), 0);
     producer.join();
+}
+
+TEST(Cond_Waiters, TwoWaitersOnOneMutexBothWake) {
+    // The second waiter queues on the condition's own mutex while holding
+    // the shared mutex; the first, once woken, must still get the shared
+    // mutex back. Heap objects: on a deadlock the threads are abandoned.
+    struct Shared {
+        os_cond* cond = os_cond_create();
+        os_mutex* mutex = os_mutex_create();
+        std::atomic<int> waiting{0};
+        std::atomic<int> done{0};
+        ~Shared() {
+            os_cond_destroy(cond);
+            os_mutex_destroy(mutex);
+        }
+    };
+    auto owner = std::make_unique<Shared>();
+    Shared* shared = owner.get();
+    auto waiter = [shared] {
+        os_mutex_lock(shared->mutex);
+        ++shared->waiting;
+        if (os_cond_wait(shared->cond, shared->mutex) == 0) ++shared->done;
+        os_mutex_unlock(shared->mutex);
+    };
+    std::thread first(waiter);
+    while (shared->waiting < 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::thread second(waiter);
+    while (shared->waiting < 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    os_cond_signal(shared->cond);
+    os_cond_signal(shared->cond);
+
+    auto start = Clock::now();
+    while (shared->done < 2 && MsSince(start) < 3000) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    if (shared->done < 2) {
+        first.detach();
+        second.detach();
+        owner.release();  // still in use by the stuck threads
+        FAIL() << "waiters deadlocked, " << shared->done.load() << " of 2 woke";
+    }
+    first.join();
+    second.join();
 }
 
 TEST_F(CondFixture, Cond_TimedWaitTimesOutWithMutexHeldAgain) {

@@ -247,12 +247,18 @@ int os_cond_signal(os_cond* c) {
 int os_cond_wait(os_cond* c, os_mutex* m) {
     if (!c) return -1;
     // The condition's own mutex stays held for the whole wait: waiters are
-    // served one at a time, the others queue on that mutex.
+    // served one at a time, the others queue on that mutex (holding their m).
+    // It is released before m is taken back, so the order is always
+    // m -> c->mutex and a woken waiter never blocks on an m held by a waiter
+    // queued behind it.
     if (os_mutex_lock(c->mutex) != 0) return -1;
-    if (os_mutex_unlock(m) != 0) return -1;
+    if (os_mutex_unlock(m) != 0) {
+        os_mutex_unlock(c->mutex);
+        return -1;
+    }
     int rc = os_sem_wait(c->sem) == 0 ? 0 : -1;
-    if (os_mutex_lock(m) != 0) rc = -1;
     if (os_mutex_unlock(c->mutex) != 0) rc = -1;
+    if (os_mutex_lock(m) != 0) rc = -1;
     return rc;
 }
 
