@@ -3,14 +3,20 @@
 // corrupted input.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
+#include <fstream>
+#include <mutex>
 #include <random>
+#include <thread>
 #include <string>
 #include <vector>
 
 #include "engine/av_ptr.h"
+#include "engine/engine.h"
 #include "engine/h265/IHW265D.h"
 #include "engine/h265/ihw265d_stage.h"
+#include "support/engine_support.h"
 #include "support/fixtures.h"
 
 namespace {
@@ -502,6 +508,190 @@ TEST(Ihw265dStageTest, LargerPictureThanCreatedStopsTheThread) {
     EXPECT_NE(testing::internal::GetCapturedStderr().find("maybe resolution change to big one====="),
               std::string::npos);
     EXPECT_EQ(ctx->m_bRunning.load(), 0);
+}
+
+// ---- Through the engine's video decode threads ---------------------------
+
+// Keeps every picture the engine delivers.
+class AllPictures : public IFrameListener {
+public:
+    explicit AllPictures(bool yuv) : yuv_(yuv) {}
+    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
+        const size_t size = yuv_ ? size_t(width) * height * 3 / 2 : size_t(width) * height * 3;
+        std::lock_guard<std::mutex> lock(mu_);
+        pictures_.push_back({width, height, Bytes(buf, buf + size)});
+        return 0;
+    }
+    int DoAudioBuffer(unsigned short*, int, int) override { return 0; }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+    size_t Count() const {
+        std::lock_guard<std::mutex> lock(mu_);
+        return pictures_.size();
+    }
+    std::vector<Picture> Take() {
+        std::lock_guard<std::mutex> lock(mu_);
+        return std::move(pictures_);
+    }
+
+private:
+    bool yuv_;
+    mutable std::mutex mu_;
+    std::vector<Picture> pictures_;
+};
+
+bool WaitFor(const std::function<bool()>& pred, int timeout_ms = 10000) {
+    return camctl_test::PictureLog::WaitUntil(pred, timeout_ms);
+}
+
+double Psnr(const Bytes& a, const Bytes& b) {
+    if (a.size() != b.size() || a.empty()) return 0;
+    double se = 0;
+    for (size_t i = 0; i < a.size(); ++i) se += double(a[i] - b[i]) * (a[i] - b[i]);
+    if (se == 0) return INFINITY;
+    return 10 * std::log10(255.0 * 255.0 * a.size() / se);
+}
+
+void WriteUnits(const std::string& path, const std::vector<Bytes>& units) {
+    std::ofstream f(path, std::ios::binary);
+    for (const Bytes& u : units) f.write(reinterpret_cast<const char*>(u.data()), std::streamsize(u.size()));
+}
+
+// Opens a file through FFMpegContextCreate and collects all its pictures.
+std::vector<Picture> PlayFile(const std::string& path, bool yuv, size_t expect) {
+    AllPictures sink(yuv);
+    ContextOptions options;
+    options.decode = 1;
+    options.throttleRead = 1;
+    FFMpegContext* ctx =
+        FFMpegContextCreateEx(static_cast<IFrameListener*>(&sink), path.c_str(), yuv ? 1 : 0, nullptr, 0, options);
+    if (!ctx) return {};
+    EXPECT_TRUE(ctx->m_hH265Decoder);  // made while opening every H.265 source
+    EXPECT_TRUE(WaitFor([&] { return sink.Count() >= expect; })) << sink.Count();
+    FFMpegContextDestroy(ctx);
+    return sink.Take();
+}
+
+TEST(EngineH265, MarkedStreamGoesThroughIhw265dWithTheSamePictures) {
+    camctl_test::TempDir tmp;
+    std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
+    units[0] = WithMarker(units[0]);
+    const std::string marked = tmp / "marked.hevc";
+    WriteUnits(marked, units);
+
+    for (bool yuv : {false, true}) {
+        SCOPED_TRACE(yuv ? "I420" : "BGR24");
+        uint64_t before = camctl::h265::Ihw265dPicturesDecoded();
+        const std::vector<Picture> plain = PlayFile(HevcFixture(320, 240, 2), yuv, units.size());
+        EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded(), before);  // FFmpeg served it
+        before = camctl::h265::Ihw265dPicturesDecoded();
+        const std::vector<Picture> through = PlayFile(marked, yuv, units.size());
+        EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded() - before, units.size());
+
+        ASSERT_EQ(plain.size(), units.size());
+        ASSERT_EQ(through.size(), units.size());
+        double worst = INFINITY;
+        for (size_t i = 0; i < units.size(); ++i) {
+            ASSERT_EQ(through[i].width, 320);
+            ASSERT_EQ(through[i].height, 240);
+            worst = std::min(worst, Psnr(plain[i].i420, through[i].i420));
+        }
+        EXPECT_GT(worst, 45.0);
+    }
+}
+
+// The decode thread alone on a context whose queue the test fills.
+class DecodeThreadRun {
+public:
+    DecodeThreadRun(int width, int height, bool yuv) : sink_(yuv) {
+        ctx_ = FFMpegContextAlloc();
+        const AVCodec* dec = avcodec_find_decoder(AV_CODEC_ID_HEVC);
+        ctx_->m_pVideoCodecCtx.reset(avcodec_alloc_context3(dec));
+        avcodec_open2(ctx_->m_pVideoCodecCtx.get(), dec, nullptr);
+        ctx_->m_nVideoCodecId = AV_CODEC_ID_HEVC;
+        ctx_->m_nWidth = width;
+        ctx_->m_nHeight = height;
+        ctx_->m_pOwner = static_cast<IFrameListener*>(&sink_);
+        ctx_->m_bDecode = 1;
+        ctx_->m_bRunning = 1;
+    }
+    ~DecodeThreadRun() {
+        ctx_->m_bRunning = 0;
+        if (thread_) {
+            os_thread_join(thread_);
+            os_thread_free(thread_);
+        }
+        FFMpegContextFree(ctx_);
+    }
+    void Push(const Bytes& data, bool key) {
+        camctl::PacketPtr pkt = camctl::MakePacket();
+        av_new_packet(pkt.get(), int(data.size()));
+        std::copy(data.begin(), data.end(), pkt->data);
+        pkt->flags = key ? AV_PKT_FLAG_KEY : 0;
+        PushVideoPacket(ctx_, pkt.get());
+    }
+    void Start() { thread_ = os_thread_create(nullptr, VideoDecodeThreadBgr, ctx_); }
+    bool Drained() const { return GetAVPktListElmCount(ctx_) == 0; }
+    FFMpegContext* ctx() const { return ctx_; }
+    AllPictures& sink() { return sink_; }
+
+private:
+    AllPictures sink_;
+    FFMpegContext* ctx_;
+    os_thread* thread_ = nullptr;
+};
+
+TEST(EngineH265, FirstKeyFrameShorterThanSevenBytesKeepsFfmpeg) {
+    std::vector<bool> keys;
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
+    const uint64_t before = camctl::h265::Ihw265dPicturesDecoded();
+    DecodeThreadRun run(320, 240, false);
+    run.Push({0, 0, 0, 1, 0x4E, 0x01}, true);  // the marker's start, cut before the payload type
+    run.Push(WithMarker(units[0]), true);
+    for (size_t i = 1; i < units.size(); ++i) run.Push(units[i], keys[i]);
+    testing::internal::CaptureStderr();
+    run.Start();
+    EXPECT_TRUE(WaitFor([&] { return run.sink().Count() >= units.size(); })) << run.sink().Count();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded(), before);
+    EXPECT_TRUE(run.ctx()->m_hH265Decoder);  // made on that first key frame all the same
+}
+
+TEST(EngineH265, CorruptedSlicesStopTheThreadOnTheFourthDamagedPicture) {
+    std::vector<bool> keys;
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
+    DecodeThreadRun run(320, 240, false);
+    run.Push(WithMarker(units[0]), true);
+    std::mt19937 rng(5);
+    for (size_t i = 1; i < units.size(); ++i) {
+        Bytes u = units[i];
+        if (i >= 5 && !keys[i])
+            for (size_t k = u.size() / 2; k < u.size(); k += 3) u[k] = uint8_t(rng());
+        run.Push(u, keys[i]);
+    }
+    testing::internal::CaptureStderr();
+    run.Start();
+    const bool stopped = WaitFor([&] { return run.ctx()->m_bRunning == 0; });
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(stopped);
+    EXPECT_NE(log.find("===IH265D_ERR_HANDLE====nBadFrameCount:3====\n"), std::string::npos);
+    EXPECT_EQ(run.sink().Count(), 5u);  // the clean pictures before the damage
+    EXPECT_FALSE(run.Drained());        // the thread did not go on
+}
+
+TEST(EngineH265, LargerPictureThanCreatedStopsTheThread) {
+    const std::vector<Bytes> small = ReadAccessUnits(HevcFixture(320, 240, 2));
+    const std::vector<Bytes> large = ReadAccessUnits(HevcFixture(640, 480, 1));
+    DecodeThreadRun run(320, 240, false);
+    run.Push(WithMarker(small[0]), true);
+    for (size_t i = 1; i < 10; ++i) run.Push(small[i], false);
+    for (const Bytes& u : large) run.Push(u, &u == &large[0]);
+    testing::internal::CaptureStderr();
+    run.Start();
+    const bool stopped = WaitFor([&] { return run.ctx()->m_bRunning == 0; });
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(stopped);
+    EXPECT_NE(log.find("maybe resolution change to big one====="), std::string::npos);
+    EXPECT_EQ(run.sink().Count(), 10u);
 }
 
 }  // namespace

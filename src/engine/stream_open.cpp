@@ -15,6 +15,7 @@
 #include <string>
 
 #include "engine/engine.h"
+#include "engine/h265/ihw265d_stage.h"
 #include "engine/http_frame.h"
 
 extern "C" {
@@ -210,8 +211,9 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
         ctx->m_nHeight = kDefaultHeight;
     }
 
-    // (HEVC: the IHW265D decoder instance is created here once its adapter
-    // is linked in; until then H.265 decodes through FFmpeg.)
+    // HEVC: the IHW265D instance, at the context size; failing to make it
+    // leaves the stream to FFmpeg.
+    if (ctx->m_nVideoCodecId == kCodecHevc) camctl::h265::CreateContextDecoder(ctx);
 
     // An audio stream at index 0 is not taken.
     const AVCodec* adec = nullptr;
@@ -390,7 +392,7 @@ int FFMpegContextDestroy(FFMpegContext* ctx) {
     JoinThread(ctx->m_hReadThread);
     JoinThread(ctx->m_hVideoThread);
     StopAudioThread(ctx);
-    // (HEVC: the IHW265D decoder instance is deleted here.)
+    ctx->m_hH265Decoder.reset();  // the IHW265D instance, if any
     FreeContext(ctx);  // queues, locks, decoders, then the source
     return 0;
 }

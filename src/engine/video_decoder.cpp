@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "engine/engine.h"
+#include "engine/h265/ihw265d_stage.h"
 #include "engine/hwaccel.h"
 
 extern "C" {
@@ -47,6 +48,9 @@ public:
     virtual bool Convert(const AVFrame* pic) = 0;
     virtual uint8_t* Data() = 0;
     virtual const char* ChangeMessage() const = 0;
+    // IHW265D pictures are copied into an I420 staging picture before
+    // Convert (BGR) rather than converted from the decoder's planes (I420).
+    virtual bool StagesIhw265d() const { return false; }
 };
 
 class BgrOutput final : public PictureOutput {
@@ -74,6 +78,7 @@ public:
     const char* ChangeMessage() const override {
         return "=The==Camera=resulotion=has=change=from(%d, %d)=to==(%d, %d)===";
     }
+    bool StagesIhw265d() const override { return true; }
 
 private:
     int width_ = 0;
@@ -206,12 +211,10 @@ private:
 
         if (key) {
             if (ctx_->m_nVideoCodecId == AV_CODEC_ID_HEVC && choice_ == DecoderChoice::kUndecided) {
-                // ---- IHW265D path ----------------------------------------
-                // The H.265 adapter (engine/h265/) takes the stream when this
-                // first key frame carries its marker, creating the decoder
-                // instance on first use, and the output is rebuilt for it.
-                // Until the adapter is linked in, H.265 stays with FFmpeg.
-                choice_ = DecoderChoice::kFfmpeg;
+                // IHW265D takes the stream when this first key frame carries
+                // its marker (the instance is made here if it does not exist
+                // yet); the output is rebuilt for whichever decoder serves.
+                choice_ = camctl::h265::ChooseIhw265d(ctx_, pkt) ? DecoderChoice::kIhw265d : DecoderChoice::kFfmpeg;
                 if (!out_->Resize(width_, height_)) return;
             }
             if (choice_ != DecoderChoice::kIhw265d) badPicture_ = false;
@@ -224,7 +227,22 @@ private:
         if (!started_ && !key) return;
         started_ = true;
 
-        DecodeWithFfmpeg(pkt, key);
+        if (choice_ == DecoderChoice::kIhw265d)
+            DecodeWithIhw265d(pkt, key);
+        else
+            DecodeWithFfmpeg(pkt, key);
+    }
+
+    // Damaged IHW265D pictures are dropped and counted by the stage, which
+    // stops the thread on an oversized or the fourth damaged picture.
+    void DecodeWithIhw265d(const AVPacket* pkt, bool key) {
+        using Outcome = camctl::h265::Ihw265dStage::Outcome;
+        const Outcome outcome = h265_.Decode(ctx_, pkt);
+        if (outcome == Outcome::kStop) return;
+        if (h265_.clean()) badPicture_ = false;
+        if (outcome != Outcome::kPicture || badPicture_) return;
+        const AVFrame* pic = out_->StagesIhw265d() ? h265_.StagedPicture() : h265_.Picture();
+        if (pic) DeliverPicture(pic, key);
     }
 
     void DecodeWithFfmpeg(AVPacket* pkt, bool key) {
@@ -253,7 +271,11 @@ private:
         if (badPicture_) return;
 
         const AVFrame* pic = camctl::hw::DownloadHwFrame(frame_.get(), &transfer_);
-        if (!pic || pic->width <= 0 || pic->height <= 0) return;
+        if (pic) DeliverPicture(pic, key);
+    }
+
+    void DeliverPicture(const AVFrame* pic, bool key) {
+        if (pic->width <= 0 || pic->height <= 0) return;
         if (pic->width != width_ || pic->height != height_) {
             os_print(out_->ChangeMessage(), width_, height_, pic->width, pic->height);
             width_ = pic->width;
@@ -285,6 +307,7 @@ private:
     int width_ = 0;
     int height_ = 0;
     DecoderChoice choice_ = DecoderChoice::kUndecided;
+    camctl::h265::Ihw265dStage h265_;  // used when choice_ is kIhw265d
     bool started_ = false;      // the first key frame has been seen
     bool badPicture_ = false;   // withhold pictures until the next key frame
     bool skipNextKey_ = false;  // a damaged key frame: withhold the next one too
