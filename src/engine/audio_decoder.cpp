@@ -49,6 +49,9 @@ public:
         cfg->defSampleRate = default_rate;
         cfg->outputFormat = FAAD_FMT_16BIT;
         cfg->downMatrix = 1;
+        // Low-rate AAC-LC would otherwise come out at twice its rate
+        // (implicit SBR assumed).
+        cfg->dontUpSampleImplicitSBR = 1;
         NeAACDecSetConfiguration(handle_, cfg);
         return true;
     }
@@ -58,6 +61,11 @@ public:
     bool Init(const AVCodecContext* codec_ctx, const AVPacket* pkt) {
         unsigned long rate = 0;
         unsigned char channels = 0;
+        if (codec_ctx && codec_ctx->ch_layout.nb_channels > 0) {
+            source_channels_ = codec_ctx->ch_layout.nb_channels;
+        } else if (pkt->size >= 4 && pkt->data[0] == 0xFF && (pkt->data[1] & 0xF0) == 0xF0) {
+            source_channels_ = ((pkt->data[2] & 0x01) << 2) | (pkt->data[3] >> 6);  // ADTS
+        }
         if (codec_ctx && codec_ctx->extradata && codec_ctx->extradata_size >= 2) {
             return NeAACDecInit2(handle_, codec_ctx->extradata,
                                  static_cast<unsigned long>(codec_ctx->extradata_size), &rate,
@@ -74,16 +82,29 @@ public:
         NeAACDecFrameInfo info{};
         void* samples = NeAACDecDecode(handle_, &info, pkt->data, static_cast<unsigned long>(pkt->size));
         if (info.error != 0) return -1;
-        int bytes = samples ? static_cast<int>(info.samples) * 2 : 0;
-        if (bytes > out_size) bytes = out_size;
-        if (bytes > 0) std::memcpy(out, samples, static_cast<size_t>(bytes));
+        int count = samples ? static_cast<int>(info.samples) : 0;
         *rate = static_cast<int>(info.samplerate);
         *channels = info.channels > 0 ? info.channels : 1;
+        const auto* in = static_cast<const int16_t*>(samples);
+        if (*channels == 2 && source_channels_ == 1) {
+            // FAAD2 always hands mono out as two equal channels (room for
+            // parametric stereo); keep the left one.
+            count /= 2;
+            if (count * 2 > out_size) count = out_size / 2;
+            auto* dst = reinterpret_cast<int16_t*>(out);
+            for (int i = 0; i < count; ++i) dst[i] = in[2 * i];
+            *channels = 1;
+            return count * 2;
+        }
+        int bytes = count * 2;
+        if (bytes > out_size) bytes = out_size;
+        if (bytes > 0) std::memcpy(out, in, static_cast<size_t>(bytes));
         return bytes;
     }
 
 private:
     NeAACDecHandle handle_ = nullptr;
+    int source_channels_ = 0;  // channels of the stream itself, 0 unknown
 };
 
 // Bytes of one decoded frame laid out without padding.

@@ -1,0 +1,393 @@
+// Audio thread: generated sine-tone files in each camera audio codec go
+// through the audio queue and the thread; what reaches the owner's audio
+// callback is compared with the ffmpeg CLI's own decode.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "camctl/FrameListener.h"
+#include "engine/engine.h"
+#include "support/fixtures.h"
+
+using camctl_test::Fixture;
+using camctl_test::TempDir;
+
+namespace {
+
+std::string Sine(int rate) {
+    return "-f lavfi -i sine=frequency=440:sample_rate=" + std::to_string(rate) + " -t 3 -ac 1 ";
+}
+
+// Records every block the audio thread delivers.
+class AudioSink : public IFrameListener {
+public:
+    int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
+    int DoAudioBuffer(unsigned short* buf, int count, int rate) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto* s = reinterpret_cast<const int16_t*>(buf);
+        samples_.insert(samples_.end(), s, s + count);
+        rates_.push_back(rate);
+        ++blocks_;
+        return 0;
+    }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+
+    std::vector<int16_t> samples() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return samples_;
+    }
+    std::vector<int> rates() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return rates_;
+    }
+    int blocks() const { return blocks_.load(); }
+
+private:
+    std::mutex mutex_;  // guards samples_ and rates_
+    std::vector<int16_t> samples_;
+    std::vector<int> rates_;
+    std::atomic<int> blocks_{0};
+};
+
+bool WaitFor(const std::function<bool()>& cond, int timeout_ms) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// A media context with a demuxer on an audio file and a running audio
+// thread that reports to an AudioSink, as stream opening leaves it.
+class AudioHarness {
+public:
+    // reopen: start through OpenAudioDecoder (the private HTTP path, which
+    // builds its own decoder from the codec id and the announced rate)
+    // rather than from the demuxer's stream parameters.
+    AudioHarness(const std::string& file, bool reopen) : ctx_(FFMpegContextAlloc()) {
+        ctx_->m_pOwner = static_cast<IFrameListener*>(&sink_);
+        AVFormatContext* raw = nullptr;
+        // Camera-sized packets from WAV files (a camera sends 20-100 ms).
+        AVDictionary* opts = nullptr;
+        av_dict_set(&opts, "max_size", "1024", 0);
+        int opened = avformat_open_input(&raw, file.c_str(), nullptr, &opts);
+        av_dict_free(&opts);
+        if (opened < 0) return;
+        ctx_->m_pFormatCtx.reset(raw);
+        if (avformat_find_stream_info(raw, nullptr) < 0) return;
+        int index = av_find_best_stream(raw, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (index < 0) return;
+        const AVCodecParameters* par = raw->streams[index]->codecpar;
+        ctx_->m_nAudioIndex = index;
+        ctx_->m_bRunning = 1;
+        ctx_->m_bDecode = 1;
+        if (reopen) {
+            ctx_->m_nAudioSampleRate = par->sample_rate;
+            ok_ = OpenAudioDecoder(ctx_, par->codec_id) == 0;
+            return;
+        }
+        const AVCodec* codec = avcodec_find_decoder(par->codec_id);
+        camctl::CodecContextPtr c(avcodec_alloc_context3(codec));
+        avcodec_parameters_to_context(c.get(), par);
+        if (avcodec_open2(c.get(), codec, nullptr) < 0) return;
+        ctx_->m_pAudioCodecCtx = std::move(c);
+        ctx_->m_nAudioCodecId = par->codec_id;
+        ok_ = StartAudioThread(ctx_) == 0;
+    }
+    ~AudioHarness() {
+        ctx_->m_bRunning = 0;
+        StopAudioThread(ctx_);
+        FFMpegContextFree(ctx_);
+    }
+    AudioHarness(const AudioHarness&) = delete;
+    AudioHarness& operator=(const AudioHarness&) = delete;
+
+    bool ok() const { return ok_; }
+    FFMpegContext* ctx() { return ctx_; }
+    AudioSink& sink() { return sink_; }
+
+    // Queues up to max audio packets (all when negative); pts_shift is
+    // added to their time stamps. Returns the number queued.
+    int Push(int max = -1, int64_t pts_shift = 0) {
+        camctl::PacketPtr pkt = camctl::MakePacket();
+        int n = 0;
+        while ((max < 0 || n < max) && av_read_frame(ctx_->m_pFormatCtx.get(), pkt.get()) >= 0) {
+            if (pkt->stream_index == ctx_->m_nAudioIndex) {
+                pkt->pts += pts_shift;
+                PushAudioPacket(ctx_, pkt.get());
+                ++n;
+            }
+            av_packet_unref(pkt.get());
+        }
+        return n;
+    }
+
+private:
+    AudioSink sink_;
+    FFMpegContext* ctx_;
+    bool ok_ = false;
+};
+
+// The ffmpeg CLI's decode of file, mono 16-bit at its own rate.
+std::vector<int16_t> ReferenceDecode(const std::string& file) {
+    TempDir dir;
+    std::string raw = dir / "ref.raw";
+    EXPECT_EQ(camctl_test::RunCommand("ffmpeg -v error -y -nostdin -i '" + file + "' -f s16le -ac 1 '" + raw + "'"), 0);
+    auto bytes = camctl_test::ReadFileBytes(raw);
+    std::vector<int16_t> out(bytes.size() / 2);
+    std::memcpy(out.data(), bytes.data(), out.size() * 2);
+    return out;
+}
+
+// Highest normalised correlation of a one-second window of got against ref
+// over lags of up to max_lag samples (decoders differ in start-up delay).
+double BestCorrelation(const std::vector<int16_t>& got, const std::vector<int16_t>& ref, int rate, int max_lag) {
+    const size_t start = static_cast<size_t>(rate) / 2;
+    const size_t len = static_cast<size_t>(rate);
+    if (got.size() < start + len + max_lag || ref.size() < start + len + max_lag) return 0;
+    double best = -1;
+    for (int lag = -max_lag; lag <= max_lag; ++lag) {
+        double xy = 0, xx = 0, yy = 0;
+        for (size_t i = 0; i < len; ++i) {
+            double x = got[start + i];
+            double y = ref[static_cast<size_t>(static_cast<long>(start + i) + lag)];
+            xy += x * y;
+            xx += x * x;
+            yy += y * y;
+        }
+        if (xx > 0 && yy > 0) best = std::max(best, xy / std::sqrt(xx * yy));
+    }
+    return best;
+}
+
+struct CodecCase {
+    const char* name;
+    std::string file;  // fixture name
+    std::string args;  // ffmpeg arguments that make it
+    int rate;          // rate the callback must report
+    bool reopen;       // open through OpenAudioDecoder
+};
+
+void PrintTo(const CodecCase& c, std::ostream* os) { *os << c.name; }
+
+class AudioCodecTest : public ::testing::TestWithParam<CodecCase> {};
+
+// Each codec's samples reach the callback at the right rate and match the
+// reference decode; AAC goes through FAAD2 from ADTS and from MP4.
+TEST_P(AudioCodecTest, Decode_MatchesReference) {
+    const CodecCase& c = GetParam();
+    std::string file = Fixture(c.file, c.args);
+    AudioHarness h(file, c.reopen);
+    ASSERT_TRUE(h.ok());
+    std::vector<int16_t> ref = ReferenceDecode(file);
+    ASSERT_GT(ref.size(), static_cast<size_t>(c.rate * 2));
+    int packets = h.Push();
+    ASSERT_GT(packets, 0);
+    ASSERT_TRUE(WaitFor([&] { return h.sink().samples().size() + c.rate / 10 >= ref.size(); }, 10000))
+        << "got " << h.sink().samples().size() << " of " << ref.size();
+    std::vector<int16_t> got = h.sink().samples();
+    std::vector<int> rates = h.sink().rates();
+    for (int r : rates) ASSERT_EQ(r, c.rate);
+    // FAAD2 adds no samples beyond priming; the FFmpeg decoders none at all.
+    EXPECT_LE(got.size(), ref.size() + 2048);
+    EXPECT_GT(BestCorrelation(got, ref, c.rate, 2048), 0.99);
+    EXPECT_EQ(h.ctx()->m_nAudioSampleRate, c.rate);
+    EXPECT_EQ(h.ctx()->m_bAudioClock, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codecs, AudioCodecTest,
+    ::testing::Values(
+        CodecCase{"AacAdts", "au_aac.aac", Sine(16000) + "-c:a aac -b:a 48k", 16000, false},
+        CodecCase{"AacMp4", "au_aac.m4a", Sine(16000) + "-c:a aac -b:a 48k", 16000, false},
+        CodecCase{"Mulaw", "au_mulaw.wav", Sine(8000) + "-c:a pcm_mulaw", 8000, true},
+        CodecCase{"Alaw", "au_alaw.wav", Sine(8000) + "-c:a pcm_alaw", 8000, true},
+        CodecCase{"G726", "au_g726.wav", Sine(8000) + "-c:a g726 -b:a 16k", 8000, true},
+        CodecCase{"G722", "au_g722.wav", Sine(16000) + "-c:a g722", 16000, true},
+        CodecCase{"Mp3Float", "au_mp3.mp3", Sine(16000) + "-c:a libmp3lame -b:a 64k", 16000, false}),
+    [](const ::testing::TestParamInfo<CodecCase>& i) { return std::string(i.param.name); });
+
+// Opens a decoder on the first audio stream of file for the helper tests.
+struct DirectDecoder {
+    camctl::InputFormatPtr fmt;
+    camctl::CodecContextPtr codec;
+    int index = -1;
+    explicit DirectDecoder(const std::string& file) {
+        AVFormatContext* raw = nullptr;
+        if (avformat_open_input(&raw, file.c_str(), nullptr, nullptr) < 0) return;
+        fmt.reset(raw);
+        avformat_find_stream_info(raw, nullptr);
+        index = av_find_best_stream(raw, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (index < 0) return;
+        const AVCodec* c = avcodec_find_decoder(raw->streams[index]->codecpar->codec_id);
+        codec.reset(avcodec_alloc_context3(c));
+        avcodec_parameters_to_context(codec.get(), raw->streams[index]->codecpar);
+        if (avcodec_open2(codec.get(), c, nullptr) < 0) codec.reset();
+    }
+    camctl::PacketPtr NextPacket() {
+        camctl::PacketPtr pkt = camctl::MakePacket();
+        while (av_read_frame(fmt.get(), pkt.get()) >= 0) {
+            if (pkt->stream_index == index) return pkt;
+            av_packet_unref(pkt.get());
+        }
+        return nullptr;
+    }
+};
+
+double Rms(const int16_t* s, int n) {
+    double sum = 0;
+    for (int i = 0; i < n; ++i) sum += static_cast<double>(s[i]) * s[i];
+    return std::sqrt(sum / n);
+}
+
+// The one-call helper: a planar stereo frame comes out as plane 0 then
+// plane 1, and a buffer too small for the frame gives AVERROR(EINVAL) with
+// the decoder's message.
+TEST(AudioDecode4, PlanarPlanesAndShortBuffer) {
+    // Left: a tone, right: silence.
+    std::string file = Fixture("au_stereo.mp2",
+                               "-f lavfi -i sine=frequency=440:sample_rate=16000 -f lavfi -i anullsrc=r=16000:cl=mono "
+                               "-filter_complex [0][1]amerge=inputs=2 -t 1 -c:a mp2 -ac 2");
+    DirectDecoder d(file);
+    ASSERT_TRUE(d.codec);
+    ASSERT_TRUE(av_sample_fmt_is_planar(d.codec->sample_fmt));
+    ASSERT_EQ(d.codec->sample_fmt, AV_SAMPLE_FMT_S16P);
+    std::vector<uint8_t> out(64000);
+    // Skip the encoder's start-up frame.
+    for (int i = 0; i < 2; ++i) {
+        camctl::PacketPtr pkt = d.NextPacket();
+        ASSERT_TRUE(pkt);
+        int size = static_cast<int>(out.size());
+        ASSERT_EQ(AudioDecode4(d.codec.get(), pkt.get(), out.data(), &size), pkt->size);
+        ASSERT_EQ(size, 1152 * 2 * 2);
+    }
+    const auto* s = reinterpret_cast<const int16_t*>(out.data());
+    EXPECT_GT(Rms(s, 1152), 2000);  // lavfi's sine: 1/8 of full scale
+    EXPECT_LT(Rms(s + 1152, 1152), 30);
+
+    camctl::PacketPtr pkt = d.NextPacket();
+    ASSERT_TRUE(pkt);
+    int size = 1000;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(AudioDecode4(d.codec.get(), pkt.get(), out.data(), &size), AVERROR(EINVAL));
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(size, 0);
+    EXPECT_NE(log.find("output buffer size is too small for the current frame (1000 < 4608)"), std::string::npos)
+        << log;
+}
+
+// Send/receive copies exactly the decoded samples of the first frame.
+TEST(AudioDecodeSendReceive, CopiesFrame) {
+    std::string file = Fixture("au_mulaw.wav", Sine(8000) + "-c:a pcm_mulaw");
+    DirectDecoder d(file);
+    ASSERT_TRUE(d.codec);
+    camctl::PacketPtr pkt = d.NextPacket();
+    ASSERT_TRUE(pkt);
+    std::vector<uint8_t> out(16000, 0xAB);
+    int size = static_cast<int>(out.size());
+    ASSERT_EQ(AudioDecodeSendReceive(d.codec.get(), pkt.get(), out.data(), &size), 0);
+    EXPECT_EQ(size, pkt->size * 2);
+    EXPECT_EQ(out[static_cast<size_t>(size)], 0xAB);
+    // A packet the decoder refuses gives -1 (mu-law of 0 bytes is "drain").
+    camctl::PacketPtr bad = camctl::MakePacket();
+    size = static_cast<int>(out.size());
+    EXPECT_EQ(AudioDecodeSendReceive(d.codec.get(), bad.get(), out.data(), &size), -1);
+}
+
+// The audio clock: anchored by the first time-stamped block, kept while
+// blocks follow one another, re-anchored (and the video offset reset) on a
+// jump, and dropped after about three seconds without packets.
+TEST(AudioClock, AnchorContinueJumpAndDrop) {
+    std::string file = Fixture("au_mulaw.wav", Sine(8000) + "-c:a pcm_mulaw");
+    AudioHarness h(file, true);
+    ASSERT_TRUE(h.ok());
+    FFMpegContext* ctx = h.ctx();
+    // The first packet has time stamp 0 and sets no clock.
+    ASSERT_EQ(h.Push(1), 1);
+    ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 1; }, 2000));
+    EXPECT_EQ(ctx->m_bAudioClock, 1);
+    EXPECT_EQ(ctx->m_nAudioRefTick, 0u);
+
+    uint64_t before = os_tick_count64();
+    ASSERT_EQ(h.Push(1), 1);
+    ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 2; }, 2000));
+    uint64_t ref_tick = ctx->m_nAudioRefTick;
+    uint64_t ref_pts = ctx->m_nAudioRefPts;
+    EXPECT_GE(ref_tick, before);
+    EXPECT_LE(ref_tick, os_tick_count64());
+    ASSERT_GT(ref_pts, 0u);
+    EXPECT_GT(ctx->m_nAudioClock, ref_tick);  // the end of that block
+    ctx->m_nVideoOffset = 777;
+
+    ASSERT_EQ(h.Push(3), 3);
+    ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 5; }, 2000));
+    EXPECT_EQ(ctx->m_nAudioRefTick, ref_tick);
+    EXPECT_EQ(ctx->m_nAudioRefPts, ref_pts);
+    EXPECT_EQ(ctx->m_nVideoOffset, 777u);
+
+    // Ten seconds ahead of the stream.
+    ASSERT_EQ(h.Push(1, 80000), 1);
+    ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 6; }, 2000));
+    EXPECT_GT(ctx->m_nAudioRefPts, ref_pts + 9000);
+    EXPECT_EQ(ctx->m_nVideoOffset, 0u);
+
+    ASSERT_TRUE(WaitFor([&] { return ctx->m_bAudioClock == 0; }, 5000));
+    EXPECT_EQ(ctx->m_nAudioRefTick, 0u);
+    EXPECT_EQ(ctx->m_nAudioRefPts, 0u);
+    EXPECT_EQ(ctx->m_nAudioClock, 0u);
+}
+
+// With decoding switched off packets are consumed, the clock flag is set,
+// and nothing is delivered.
+TEST(AudioThread, DecodeOff_NothingDelivered) {
+    std::string file = Fixture("au_alaw.wav", Sine(8000) + "-c:a pcm_alaw");
+    AudioHarness h(file, true);
+    ASSERT_TRUE(h.ok());
+    h.ctx()->m_bDecode = 0;
+    ASSERT_GT(h.Push(5), 0);
+    ASSERT_TRUE(WaitFor([&] { return PopAudioPacket(h.ctx()) == nullptr && h.ctx()->m_bAudioClock == 1; }, 2000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(h.sink().blocks(), 0);
+}
+
+// Reopening for another codec stops the running thread and decodes the
+// new one; a codec without decoder leaves the stream without audio.
+TEST(AudioThread, Reopen_SwitchesCodecOrDropsAudio) {
+    std::string mulaw = Fixture("au_mulaw.wav", Sine(8000) + "-c:a pcm_mulaw");
+    std::string alaw = Fixture("au_alaw.wav", Sine(8000) + "-c:a pcm_alaw");
+    AudioHarness h(mulaw, true);
+    ASSERT_TRUE(h.ok());
+    ASSERT_EQ(OpenAudioDecoder(h.ctx(), AV_CODEC_ID_PCM_ALAW), 0);
+    EXPECT_NE(h.ctx()->m_hAudioThread, nullptr);
+    EXPECT_EQ(h.ctx()->m_nAudioCodecId, AV_CODEC_ID_PCM_ALAW);
+
+    // A-law packets now decode to the tone.
+    DirectDecoder d(alaw);
+    std::vector<int16_t> ref = ReferenceDecode(alaw);
+    int pushed = 0;
+    while (camctl::PacketPtr pkt = d.NextPacket()) {
+        pkt->stream_index = h.ctx()->m_nAudioIndex;
+        PushAudioPacket(h.ctx(), pkt.get());
+        ++pushed;
+    }
+    ASSERT_GT(pushed, 0);
+    ASSERT_TRUE(WaitFor([&] { return h.sink().samples().size() >= ref.size(); }, 5000));
+    EXPECT_GT(BestCorrelation(h.sink().samples(), ref, 8000, 16), 0.999);
+
+    EXPECT_EQ(OpenAudioDecoder(h.ctx(), AV_CODEC_ID_NONE), -1);
+    EXPECT_EQ(h.ctx()->m_nAudioIndex, -1);
+    EXPECT_EQ(h.ctx()->m_nAudioCodecId, 0);
+    EXPECT_EQ(h.ctx()->m_hAudioThread, nullptr);
+    EXPECT_EQ(h.ctx()->m_pAudioCodecCtx, nullptr);
+}
+
+}  // namespace
