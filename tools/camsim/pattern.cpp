@@ -224,15 +224,29 @@ bool PatternSource::Impl::EncodeAudioUpTo(int64_t ms) {
         audioSamples += audioFrameSize;
         if (avcodec_send_frame(aenc.get(), aframe.get()) < 0) return false;
         while (avcodec_receive_packet(aenc.get(), pkt.get()) == 0) {
-            Pending p{Meta(kStreamAudio), {}};
-            p.meta.key = true;
-            p.meta.ts_ms = av_rescale(std::max<int64_t>(0, pkt->pts), 1000, rate);
-            if (aenc->codec_id == AV_CODEC_ID_AAC)
-                p.data = WithAdtsHeader(pkt->data, static_cast<size_t>(pkt->size), aenc->extradata,
-                                        static_cast<size_t>(std::max(0, aenc->extradata_size)));
-            else
-                p.data.assign(pkt->data, pkt->data + pkt->size);
-            pending.push_back(std::move(p));
+            const int64_t ts = av_rescale(std::max<int64_t>(0, pkt->pts), 1000, rate);
+            if (aenc->codec_id == AV_CODEC_ID_ADPCM_G726) {
+                // The encoder works in half-second blocks; a camera sends
+                // 40 ms pieces of the same bit stream (2 bits a sample).
+                const int piece = rate / 25 * 2 / 8;
+                for (int off = 0; off < pkt->size; off += piece) {
+                    Pending p{Meta(kStreamAudio), {}};
+                    p.meta.key = true;
+                    p.meta.ts_ms = ts + off / piece * 40;
+                    p.data.assign(pkt->data + off, pkt->data + std::min(pkt->size, off + piece));
+                    pending.push_back(std::move(p));
+                }
+            } else {
+                Pending p{Meta(kStreamAudio), {}};
+                p.meta.key = true;
+                p.meta.ts_ms = ts;
+                if (aenc->codec_id == AV_CODEC_ID_AAC)
+                    p.data = WithAdtsHeader(pkt->data, static_cast<size_t>(pkt->size), aenc->extradata,
+                                            static_cast<size_t>(std::max(0, aenc->extradata_size)));
+                else
+                    p.data.assign(pkt->data, pkt->data + pkt->size);
+                pending.push_back(std::move(p));
+            }
             av_packet_unref(pkt.get());
         }
     }
