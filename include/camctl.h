@@ -8,3 +8,4 @@
 #include "camctl/RecordPlayer.h"
 #include "camctl/CDC.h"
 #include "camctl/VideoDisplayer.h"
+#include "camctl/MotionDetector.h"
