@@ -216,7 +216,7 @@ inline void Transpose4(__m128& a, __m128& b, __m128& c, __m128& d) {
 // DCT of a block held as 16 vectors: lo[r] = row r columns 0..3,
 // hi[r] = row r columns 4..7. Leaves the coefficients in the same layout
 // (row = vertical frequency, column = horizontal frequency).
-inline void DctBlockVectors(__m128 lo[8], __m128 hi[8]) {
+__attribute__((always_inline)) inline void DctBlockVectors(__m128 lo[8], __m128 hi[8]) {
     // Columns as vectors over rows 0..3 (a) and rows 4..7 (b).
     __m128 a[8] = {lo[0], lo[1], lo[2], lo[3], hi[0], hi[1], hi[2], hi[3]};
     __m128 b[8] = {lo[4], lo[5], lo[6], lo[7], hi[4], hi[5], hi[6], hi[7]};
@@ -339,6 +339,12 @@ struct Component {
     int lastDc = 0;
 };
 
+// trunc(product + 0.5) in double precision: halves round up, negative
+// values move toward zero.
+inline int RoundHalfUpTowardZero(float product) {
+    return static_cast<int>((static_cast<double>(product) + 16384.5) - 16384.0);
+}
+
 // Quantises the DCT output (natural order) into zig-zag order.
 inline void Quantize(const float coef[64], const float divisor[64], int16_t zigzag[64]) {
     alignas(16) int16_t natural[64];
@@ -361,14 +367,15 @@ inline void Quantize(const float coef[64], const float divisor[64], int16_t zigz
     }
     // The DC coefficient may reach -1024 (a black block); redo it unclamped.
     natural[0] = static_cast<int16_t>(
-        std::clamp(jpeg_internal::RoundQuantized(coef[0] * divisor[0]), kMinDc, kMaxDc));
+        std::clamp(RoundHalfUpTowardZero(coef[0] * divisor[0]), kMinDc, kMaxDc));
 #else
     for (int i = 0; i < 64; ++i) {
-        const int q = jpeg_internal::RoundQuantized(coef[i] * divisor[i]);
+        const int q = RoundHalfUpTowardZero(coef[i] * divisor[i]);
         natural[i] = static_cast<int16_t>(i == 0 ? std::clamp(q, kMinDc, kMaxDc)
                                                  : std::clamp(q, -kMaxAc, kMaxAc));
     }
 #endif
+#pragma GCC unroll 64
     for (int k = 0; k < 64; ++k) zigzag[k] = natural[kNaturalOrder[k]];
 }
 
@@ -654,7 +661,7 @@ void ForwardDctVector(const float in[64], float out[64]) {
 }
 
 int RoundQuantized(float product) {
-    return static_cast<int>((static_cast<double>(product) + 16384.5) - 16384.0);
+    return RoundHalfUpTowardZero(product);
 }
 
 }  // namespace jpeg_internal
