@@ -134,7 +134,7 @@ CMotionDetector::~CMotionDetector() {
 
 int CMotionDetector::Init(void* owner, int width, int height) {
     Free();
-    if (static_cast<int64_t>(width) * height <= 0) return -1;
+    if (width <= 0 || height <= 0) return -1;
 
     const uint32_t phase = (s_phaseCounter.fetch_add(1, std::memory_order_relaxed) + 1) % 16;
     m_nFrameCount = static_cast<int32_t>(phase);
