@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -166,10 +167,16 @@ class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
+        // CPU time: the machine is shared, wall time carries other load.
+        // With repetitions the median wins over single runs.
         for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                // CPU time: the machine is shared, wall time carries other load.
-                seconds_[run.run_name.function_name] = run.cpu_accumulated_time / static_cast<double>(run.iterations);
+            if (run.error_occurred) continue;
+            const std::string& name = run.run_name.function_name;
+            if (run.run_type == Run::RT_Iteration && !medians_.count(name)) {
+                seconds_[name] = run.cpu_accumulated_time / static_cast<double>(run.iterations);
+            } else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+                seconds_[name] = run.GetAdjustedCPUTime() * TimeUnitSeconds(run.time_unit);
+                medians_.insert(name);
             }
         }
     }
@@ -179,7 +186,16 @@ public:
     }
 
 private:
+    static double TimeUnitSeconds(benchmark::TimeUnit unit) {
+        switch (unit) {
+            case benchmark::kNanosecond: return 1e-9;
+            case benchmark::kMicrosecond: return 1e-6;
+            case benchmark::kMillisecond: return 1e-3;
+            default: return 1.0;
+        }
+    }
     std::map<std::string, double> seconds_;
+    std::set<std::string> medians_;
 };
 
 }  // namespace
