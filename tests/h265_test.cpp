@@ -1,6 +1,8 @@
-// IHW265D over libde265, on real H.265 streams made with libx265: pictures
-// against FFmpeg's decoder, the status mapping, the size limit, and
-// corrupted input.
+// H.265 through IHW265D (libde265), on real streams made with libx265: the
+// decoder's pictures against FFmpeg's, its status mapping, size limit and
+// corrupted input; the marker that routes a stream to it; and the engine's
+// decode threads choosing it, delivering its pictures, and stopping on
+// damaged or oversized ones.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -430,84 +432,6 @@ TEST(Ihw265dChoice, CreationAndChoice) {
                   std::string::npos);
         EXPECT_FALSE(ctx->m_hH265Decoder);
     }
-}
-
-TEST(Ihw265dStageTest, PicturesAndStagingCopy) {
-    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
-    const std::vector<Picture> reference = DecodeWithFfmpeg(units);
-    ContextPtr ctx = MakeContext(320, 240);
-    ASSERT_EQ(camctl::h265::CreateContextDecoder(ctx.get()), 0u);
-    camctl::h265::Ihw265dStage stage;
-    const uint64_t before = camctl::h265::Ihw265dPicturesDecoded();
-    for (size_t i = 0; i < 5; ++i) {
-        const Bytes unit = i == 0 ? WithMarker(units[0]) : units[i];
-        AVPacket p = View(unit);
-        ASSERT_EQ(stage.Decode(ctx.get(), &p), camctl::h265::Ihw265dStage::Outcome::kPicture);
-        EXPECT_TRUE(stage.clean());
-        const AVFrame* staged = stage.StagedPicture();
-        ASSERT_NE(staged, nullptr);
-        ASSERT_EQ(staged->width, 320);
-        IHW265D_OUTPUT packed{};
-        packed.uiWidth = 320;
-        packed.uiHeight = 240;
-        packed.pY = staged->data[0];
-        packed.pU = staged->data[1];
-        packed.pV = staged->data[2];
-        packed.uiYStride = staged->linesize[0];
-        packed.uiUVStride = staged->linesize[1];
-        EXPECT_TRUE(Pack(packed).i420 == reference[i].i420) << i;
-        EXPECT_NE(stage.Picture()->data[0], staged->data[0]);  // a copy, not the decoder's plane
-    }
-    EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded() - before, 5u);
-}
-
-TEST(Ihw265dStageTest, FourthDamagedPictureStopsTheThread) {
-    std::vector<bool> keys;
-    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
-    ContextPtr ctx = MakeContext(320, 240);
-    ASSERT_EQ(camctl::h265::CreateContextDecoder(ctx.get()), 0u);
-    camctl::h265::Ihw265dStage stage;
-    std::mt19937 rng(3);
-    int damaged = 0;
-    bool stopped = false;
-    testing::internal::CaptureStderr();
-    for (size_t i = 0; i < units.size() && !stopped; ++i) {
-        Bytes u = units[i];
-        if (!keys[i])  // wreck the second half of every P picture's slice data
-            for (size_t k = u.size() / 2; k < u.size(); k += 3) u[k] = uint8_t(rng());
-        AVPacket p = View(u);
-        switch (stage.Decode(ctx.get(), &p)) {
-            case camctl::h265::Ihw265dStage::Outcome::kDamaged:
-                ++damaged;
-                EXPECT_EQ(ctx->m_bRunning.load(), 1);
-                EXPECT_FALSE(stage.clean());
-                break;
-            case camctl::h265::Ihw265dStage::Outcome::kStop:
-                stopped = true;
-                break;
-            default:
-                break;
-        }
-    }
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(stopped);
-    EXPECT_EQ(damaged, 3);  // three tolerated, the fourth stops
-    EXPECT_EQ(stage.damaged_count(), 4);
-    EXPECT_EQ(ctx->m_bRunning.load(), 0);
-    EXPECT_NE(log.find("===IH265D_ERR_HANDLE====nBadFrameCount:3====\n"), std::string::npos);
-}
-
-TEST(Ihw265dStageTest, LargerPictureThanCreatedStopsTheThread) {
-    const Bytes key = ReadAccessUnits(HevcFixture(640, 480, 1))[0];
-    ContextPtr ctx = MakeContext(320, 240);
-    ASSERT_EQ(camctl::h265::CreateContextDecoder(ctx.get()), 0u);
-    camctl::h265::Ihw265dStage stage;
-    AVPacket p = View(key);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(stage.Decode(ctx.get(), &p), camctl::h265::Ihw265dStage::Outcome::kStop);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("maybe resolution change to big one====="),
-              std::string::npos);
-    EXPECT_EQ(ctx->m_bRunning.load(), 0);
 }
 
 // ---- Through the engine's video decode threads ---------------------------

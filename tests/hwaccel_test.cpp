@@ -117,7 +117,7 @@ TEST(HwAccelSysfs, ReadsIdentityAndListsNodesInOrder) {
     EXPECT_FALSE(camctl::hw::ReadGpuIdentity(tree.paths().sysfs_root, "renderD130", &id));
 }
 
-TEST(HwAccelPrepare, RefusedGpuStopsTheWalk) {
+TEST(HwAccelPrepare, RefusedOrUnknownGpuStopsTheWalk) {
     FakeGpuTree tree;
     tree.AddNode("renderD128", "0x8086", "0x1616");
     tree.AddNode("renderD129", "0x8086", "0x3e92");  // acceptable, but never reached
@@ -129,15 +129,12 @@ TEST(HwAccelPrepare, RefusedGpuStopsTheWalk) {
     EXPECT_NE(log.find("This gpu doesn't have ability to decode 173 properly."), std::string::npos) << log;
     EXPECT_TRUE(calls.empty());
     EXPECT_EQ(c.ctx->hw_device_ctx, nullptr);
-}
 
-TEST(HwAccelPrepare, UnreadableIdentityIsRefused) {
-    FakeGpuTree tree;
-    tree.AddNode("renderD128", "", "");
-    std::vector<std::string> calls;
-    CodecCtx c;
+    // A node whose GPU cannot be identified is refused the same way.
+    FakeGpuTree unknown;
+    unknown.AddNode("renderD128", "", "");
     testing::internal::CaptureStderr();
-    EXPECT_EQ(camctl::hw::PrepareHwDecoderAt(c.ctx.get(), kHevc, tree.paths(), RecordingOpener{&calls, "renderD128"}), -1);
+    EXPECT_EQ(camctl::hw::PrepareHwDecoderAt(c.ctx.get(), kHevc, unknown.paths(), RecordingOpener{&calls, "renderD128"}), -1);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("doesn't have ability to decode 173"), std::string::npos);
     EXPECT_TRUE(calls.empty());
 }

@@ -52,7 +52,6 @@ public:
 
     // The decoder's flag word of the last call was 0 (nothing damaged).
     bool clean() const { return out_.uiFlags == 0; }
-    int damaged_count() const { return bad_frame_count_; }
 
     // The ready picture as a YUV420P frame pointing into the decoder's
     // planes; valid until the next Decode.
