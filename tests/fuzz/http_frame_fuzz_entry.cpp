@@ -119,7 +119,8 @@ int CutterPass(const uint8_t* stream, size_t size, uint8_t seed) {
             const uint64_t span = uint64_t(HTTP_FRAME_HEADER_SIZE) + state.header.size;
             if (state.payload.size() != state.header.size || state.allreadsize != span) result = 11;
             else if (state.start < part || state.start + span + 4 > base + received) result = 12;
-            else if (memcmp(state.payload.data(), state.start + HTTP_FRAME_HEADER_SIZE, state.payload.size()) != 0)
+            else if (!state.payload.empty() &&
+                     memcmp(state.payload.data(), state.start + HTTP_FRAME_HEADER_SIZE, state.payload.size()) != 0)
                 result = 13;
             dropped += state.allreadsize;
             pos = 0;
