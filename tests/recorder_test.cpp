@@ -9,6 +9,11 @@
 #include <cstring>
 #include <string>
 
+#include <chrono>
+#include <thread>
+
+#include "camctl/UrlVideoSession.h"
+#include "camsim/server.h"
 #include "engine/engine.h"
 #include "support/fixtures.h"
 
@@ -410,6 +415,90 @@ TEST(Recorder, WriteFailure_ProcessSurvives) {
     EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
     EXPECT_GT(p.video_packets, 10);
     EXPECT_EQ(p.first_flags, "K");
+}
+
+// ---- live recordings through the session ------------------------------
+
+class RecordingSession : public CUrlVideoSession {
+public:
+    int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
+    int DoAudioBuffer(unsigned short*, int, int) override { return 0; }
+    FFMpegContext* Context() { return m_pContext; }
+};
+
+bool WaitUntil(const std::function<bool()>& cond, int timeout_ms) {
+    for (int waited = 0; !cond(); waited += 10) {
+        if (waited >= timeout_ms) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// The camera closes the connection: the reader ends, and the recording,
+// finished when the session closes, holds every packet written.
+TEST(RecorderSession, ReaderEnded_RecordingComplete) {
+    camsim::Options o;
+    o.pattern.width = 320;
+    o.pattern.height = 240;
+    o.pattern.audio = camsim::AudioCodec::Mulaw;
+    o.max_video_frames = 60;
+    camsim::Server server(o);
+    std::string error;
+    ASSERT_TRUE(server.Start(&error)) << error;
+    TempDir dir;
+    std::string out = dir / "live.avi";
+    RecordingSession s;
+    ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
+    ASSERT_EQ(s.StartSaveAvi(out.c_str()), 0);
+    ASSERT_TRUE(WaitUntil([&] { return s.IsPlayFinish(); }, 10000));
+    FFMpegContext* ctx = s.Context();
+    os_mutex_lock(ctx->m_hRecordLock);
+    const uint64_t frames = ctx->m_nRecordFrames;
+    const uint64_t samples = ctx->m_nRecordAudioPts;
+    os_mutex_unlock(ctx->m_hRecordLock);
+    ASSERT_EQ(s.VideoFree(), 0);
+    server.Stop();
+
+    ASSERT_GT(frames, 30u);
+    Probe p = ProbeAvi(out);
+    EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
+    EXPECT_EQ(p.header_frames, static_cast<int>(frames));
+    EXPECT_EQ(p.video_packets, static_cast<int>(frames));
+    EXPECT_EQ(p.decoded_frames, static_cast<int>(frames));
+    EXPECT_EQ(p.first_flags, "K");
+    ASSERT_GT(samples, 0u);
+    EXPECT_EQ(p.rate, frames * 800000 / samples);
+}
+
+// A live H.265 stream with G.726 audio recorded until the session closes:
+// closing finishes the file, and the 8 kHz audio sets about 25 fps.
+TEST(RecorderSession, CloseWhileRecording_FileFinished) {
+    camsim::Options o;
+    o.pattern.width = 320;
+    o.pattern.height = 240;
+    o.pattern.codec = camsim::VideoCodec::HEVC;
+    o.pattern.audio = camsim::AudioCodec::G726;
+    camsim::Server server(o);
+    std::string error;
+    ASSERT_TRUE(server.Start(&error)) << error;
+    TempDir dir;
+    std::string out = dir / "close.avi";
+    RecordingSession s;
+    ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
+    ASSERT_EQ(s.StartSaveAvi(out.c_str()), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    ASSERT_EQ(s.VideoFree(), 0);
+    server.Stop();
+
+    Probe p = ProbeAvi(out);
+    EXPECT_EQ(p.codecs, "hevc,adpcm_g726");
+    EXPECT_EQ(p.video_tag, "HEVC");
+    EXPECT_GT(p.header_frames, 40);
+    EXPECT_EQ(p.video_packets, p.header_frames);
+    EXPECT_EQ(p.decoded_frames, p.header_frames);
+    EXPECT_EQ(p.first_flags, "K");
+    EXPECT_EQ(p.scale, 100u);
+    EXPECT_NEAR(p.rate, 2500, 250);
 }
 
 }  // namespace
