@@ -7,6 +7,7 @@
 
 #include "camctl/FileVideoSession.h"
 #include "camctl/UrlVideoSession.h"
+#include "engine/av_ptr.h"
 #include "engine/engine.h"
 #include "support/engine_support.h"
 #include "support/fixtures.h"
@@ -188,6 +189,134 @@ TEST(SessionTest, Pause_StopsDeliveryUntilResume) {
     EXPECT_EQ(s.Resume(), 0);
     EXPECT_TRUE(s.log.WaitForCount(paused + 5, 3000));
     s.VideoFree();
+}
+
+// A live session on a file: not throttled, decoding switched on by hand.
+class SmoothSessionTest : public ::testing::Test {
+protected:
+    void Open(int mode) {
+        s.SetSmoothStream(mode);
+        ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
+        ASSERT_EQ(s.SetDecodeEnbale(1), 0);
+    }
+    // Empties the release semaphore; returns how many releases it held.
+    int DrainReleases() {
+        int n = 0;
+        while (os_sem_timedwait(s.Signal()->sem, 0) == 0) ++n;
+        return n;
+    }
+    // Calls SendVideoCond until it releases a picture; the number of calls.
+    int CallsUntilRelease() {
+        for (int calls = 1; calls <= 100; ++calls) {
+            EXPECT_EQ(s.SendVideoCond(), 0);
+            int released = DrainReleases();
+            if (released) {
+                EXPECT_EQ(released, 1);
+                return calls;
+            }
+        }
+        return -1;
+    }
+    // Freezes reader and decoder and leaves `queued` packets in the queue.
+    void FreezeWithQueue(int queued) {
+        FFMpegContext* ctx = s.Context();
+        ctx->m_bPause = 1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));  // both threads idle now
+        FlushVideoPackets(ctx);
+        camctl::PacketPtr pkt = camctl::MakePacket();
+        ASSERT_EQ(av_new_packet(pkt.get(), 16), 0);
+        for (int i = 0; i < queued; ++i) PushVideoPacket(ctx, pkt.get());
+        ASSERT_EQ(GetAVPktListElmCount(ctx), queued);
+        ctx->m_nHalfFrameInterval = 6;
+        DrainReleases();
+    }
+    TestUrlSession s;
+};
+
+TEST_F(SmoothSessionTest, SendVideoCond_LongQueueReleasesOneCallEarlierEachTime) {
+    Open(1);
+    FreezeWithQueue(12);
+    EXPECT_EQ(CallsUntilRelease(), 6);
+    EXPECT_EQ(CallsUntilRelease(), 5);
+    EXPECT_EQ(CallsUntilRelease(), 4);
+    EXPECT_EQ(CallsUntilRelease(), 3);
+    EXPECT_EQ(s.CondAdjust(), -4);
+    s.VideoFree();
+}
+
+TEST_F(SmoothSessionTest, SendVideoCond_BandsOfEachMode) {
+    Open(1);
+    FreezeWithQueue(3);  // short queue: one call later each time
+    EXPECT_EQ(CallsUntilRelease(), 6);
+    EXPECT_EQ(CallsUntilRelease(), 7);
+    EXPECT_EQ(CallsUntilRelease(), 8);
+    FreezeWithQueue(7);  // middle band: the correction starts over
+    EXPECT_EQ(CallsUntilRelease(), 9);
+    EXPECT_EQ(s.CondAdjust(), 0);
+    EXPECT_EQ(CallsUntilRelease(), 6);
+    s.VideoFree();
+
+    Open(2);  // wide bands: 12 lies in the middle, 21 above it
+    FreezeWithQueue(12);
+    EXPECT_EQ(CallsUntilRelease(), 6);
+    EXPECT_EQ(CallsUntilRelease(), 6);
+    FreezeWithQueue(21);
+    EXPECT_EQ(CallsUntilRelease(), 6);
+    EXPECT_EQ(CallsUntilRelease(), 5);
+    s.VideoFree();
+}
+
+TEST_F(SmoothSessionTest, SendVideoCond_InactiveCases) {
+    Open(0);
+    FreezeWithQueue(12);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(s.SendVideoCond(), 0);
+    EXPECT_EQ(DrainReleases(), 0);  // smooth stream off
+    s.VideoFree();
+
+    Open(1);
+    FreezeWithQueue(12);
+    s.SetDecodeEnbale(0);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(s.SendVideoCond(), 0);
+    EXPECT_EQ(DrainReleases(), 0);  // decoding off
+    s.VideoFree();
+
+    TestFileSession f;
+    f.SetSmoothStream(1);
+    ASSERT_EQ(f.VideoInit(&f, LongAviClip().c_str()), 0);
+    EXPECT_EQ(f.SendVideoCond(), 0);  // file sessions are paced by their player
+    f.VideoFree();
+}
+
+TEST(SessionTest, OpenCloseCycles_LeaveNoThreadOrDescriptorBehind) {
+    const std::string clip = ShortAviClip();
+    {
+        TestFileSession warm;  // first use initialises the engine
+        ASSERT_EQ(warm.VideoInit(&warm, clip.c_str()), 0);
+        warm.VideoFree();
+    }
+    const int threads = camctl_test::CountThreads();
+    const int fds = camctl_test::CountOpenFds();
+    for (int i = 0; i < 50; ++i) {
+        TestFileSession s;
+        s.SetD3DDisplay(i % 2);
+        ASSERT_EQ(s.VideoInit(&s, clip.c_str()), 0);
+        if (i % 5 == 0) {
+            ASSERT_TRUE(s.log.WaitForCount(1, 3000));
+        }
+        ASSERT_EQ(s.VideoFree(), 0);
+    }
+    EXPECT_EQ(camctl_test::CountThreads(), threads);
+    EXPECT_EQ(camctl_test::CountOpenFds(), fds);
+}
+
+TEST(SessionTest, Destructor_ClosesAStreamLeftOpen) {
+    const int threads = camctl_test::CountThreads();
+    {
+        TestFileSession s;
+        ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
+        ASSERT_TRUE(s.log.WaitForCount(1, 3000));
+    }
+    EXPECT_EQ(camctl_test::CountThreads(), threads);
 }
 
 TEST(SessionTest, VideoInit_MissingFileFails) {

@@ -32,7 +32,8 @@ constexpr uint32_t kNetOpenTimeoutMs = 10000;
 constexpr uint32_t kNetReadTimeoutMs = 5000;
 // Sets the deadline of the context's blocking I/O to now + ms (0: none).
 void ArmIoDeadline(FFMpegContext* ctx, uint32_t ms);
-// The interrupt callback installed on every demuxer and AVIO connection.
+// The interrupt callback installed on every demuxer and AVIO connection:
+// gives up (for good) once m_bAbortIo is set or the deadline has passed.
 int IoInterruptCallback(void* ctx);
 // True for sources reached over the network ("scheme://...").
 bool IsNetworkSource(const char* url);

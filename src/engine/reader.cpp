@@ -3,8 +3,9 @@
 // fills the video and audio queues. Also the video-to-audio pacing and the
 // seek request of file playback.
 //
-// Queue limits: a throttled (file) source stops reading at 11 queued video
-// packets; a live source whose decoder lags is flushed above 100 and then
+// Queue limits: a throttled (file) source holds at most 10 queued video
+// packets (it reads no further once 10 are waiting, as each read may add
+// one); a live source whose decoder lags is flushed above 100 and then
 // waits for the next key frame.
 #include <ctime>
 
@@ -15,7 +16,7 @@ namespace {
 
 constexpr uint32_t kPauseSleepMs = 50;
 constexpr uint32_t kThrottleSleepMs = 20;
-constexpr int kThrottleQueue = 11;
+constexpr int kThrottleQueue = 10;
 constexpr int kOverflowQueue = 100;
 constexpr uint32_t kRatePeriodMs = 3000;
 constexpr int kSmoothSamplePackets = 20;

@@ -317,7 +317,12 @@ int IoInterruptCallback(void* opaque) {
     auto* ctx = static_cast<FFMpegContext*>(opaque);
     if (ctx->m_bAbortIo.load(std::memory_order_relaxed)) return 1;
     uint64_t deadline = ctx->m_nIoDeadline.load(std::memory_order_relaxed);
-    return deadline != 0 && os_tick_count64() > deadline;
+    if (deadline == 0 || os_tick_count64() <= deadline) return 0;
+    // A source that missed its deadline stays failed: the demuxer answers a
+    // failed read by flushing its parsers, and the read after that must not
+    // wait a whole period again.
+    ctx->m_bAbortIo.store(1, std::memory_order_relaxed);
+    return 1;
 }
 
 void MaskUrlCredentials(const char* url, char* out, int out_len) {

@@ -1,0 +1,128 @@
+#include "support/rtsp_server.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "support/fixtures.h"
+
+namespace camctl_test {
+
+namespace {
+
+constexpr const char* kPython = "/usr/bin/python3";
+
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::string Quote(const std::string& s) { return "'" + s + "'"; }  // launch lines hold no quotes
+
+std::string VideoCaps(int width, int height, int fps) {
+    return "video/x-raw,format=I420,width=" + std::to_string(width) + ",height=" + std::to_string(height) +
+           ",framerate=" + std::to_string(fps) + "/1";
+}
+
+}  // namespace
+
+bool RtspServer::Available() {
+    static const bool available =
+        RunCommand(std::string(kPython) +
+                   " -c \"import gi; gi.require_version('GstRtspServer', '1.0'); "
+                   "from gi.repository import GstRtspServer\" 2>/dev/null") == 0;
+    return available;
+}
+
+RtspServer::RtspServer(const std::vector<Mount>& mounts) {
+    char tmpl[] = "/tmp/camctl-rtsp-XXXXXX";
+    if (!mkdtemp(tmpl)) return;
+    dir_ = tmpl;
+    const std::string portFile = dir_ + "/port";
+    std::string cmd = "echo $$ > " + dir_ + "/pid; exec " + kPython + " " + CAMCTL_SOURCE_DIR +
+                      "/tests/support/rtsp_server.py --port-file " + portFile;
+    for (const Mount& m : mounts) cmd += " --mount " + Quote(m.path) + " " + Quote(m.launch);
+    cmd += " >" + dir_ + "/log 2>&1";
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (pid < 0) return;
+    pid_ = pid;  // sh execs the server: this is the server's own PID
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (std::chrono::steady_clock::now() < end) {
+        std::string text = ReadText(portFile);
+        if (!text.empty()) {
+            port_ = std::atoi(text.c_str());
+            break;
+        }
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+            pid_ = -1;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+RtspServer::~RtspServer() {
+    Kill();
+    if (!dir_.empty()) RunCommand("rm -rf '" + dir_ + "'");
+}
+
+std::string RtspServer::Url(const std::string& path, const std::string& credentials) const {
+    return "rtsp://" + (credentials.empty() ? "" : credentials + "@") + "127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::string RtspServer::Log() const { return ReadText(dir_ + "/log"); }
+
+void RtspServer::Kill() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGCONT);
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+void RtspServer::Freeze() {
+    if (pid_ > 0) kill(pid_, SIGSTOP);
+}
+
+void RtspServer::Thaw() {
+    if (pid_ > 0) kill(pid_, SIGCONT);
+}
+
+std::string RtspServer::H264(int width, int height, int fps, int keyInterval, bool audio) {
+    std::string s = "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) +
+                    " ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" + std::to_string(keyInterval) +
+                    " ! rtph264pay name=pay0 pt=96 config-interval=1";
+    if (audio)
+        s += " audiotestsrc is-live=true wave=sine ! audio/x-raw,rate=8000,channels=1 ! mulawenc ! "
+             "rtppcmupay name=pay1";
+    return s + " )";
+}
+
+std::string RtspServer::H265(int width, int height, int fps, int keyInterval) {
+    return "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) +
+           " ! x265enc tune=zerolatency speed-preset=ultrafast key-int-max=" + std::to_string(keyInterval) +
+           " ! rtph265pay name=pay0 pt=96 config-interval=1 )";
+}
+
+std::string RtspServer::Mjpeg(int width, int height, int fps) {
+    return "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) +
+           " ! jpegenc ! rtpjpegpay name=pay0 pt=26 )";
+}
+
+std::string RtspServer::Mpeg4File(const std::string& mkvPath) {
+    return "( filesrc location=" + mkvPath +
+           " ! matroskademux ! mpeg4videoparse ! rtpmp4vpay name=pay0 pt=96 config-interval=1 )";
+}
+
+}  // namespace camctl_test

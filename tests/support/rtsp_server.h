@@ -1,0 +1,54 @@
+// A real RTSP server for tests: GStreamer's RTSP server (python3-gi) run as
+// a child process on 127.0.0.1 and a free port, one launch line per mount.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace camctl_test {
+
+class RtspServer {
+public:
+    struct Mount {
+        std::string path;    // "/h264"
+        std::string launch;  // a bin whose payloaders are named pay0, pay1, ...
+    };
+
+    // Starts the server and waits (at most 15 s) until it listens.
+    explicit RtspServer(const std::vector<Mount>& mounts);
+    ~RtspServer();  // kills the server
+    RtspServer(const RtspServer&) = delete;
+    RtspServer& operator=(const RtspServer&) = delete;
+
+    // True when this machine can run the server (python3-gi with the RTSP
+    // server bindings).
+    static bool Available();
+
+    bool ok() const { return port_ > 0; }
+    int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    // "rtsp://127.0.0.1:<port><path>", with "user:pass@" when given.
+    std::string Url(const std::string& path, const std::string& credentials = "") const;
+    // What the server printed so far.
+    std::string Log() const;
+
+    void Kill();      // SIGKILL and reap; the server is gone
+    void Freeze();    // SIGSTOP: connections stay open, nothing answers
+    void Thaw();      // SIGCONT
+
+    // Launch lines for live test video (and optional G.711 audio).
+    static std::string H264(int width, int height, int fps, int keyInterval, bool audio = false);
+    static std::string H265(int width, int height, int fps, int keyInterval);
+    static std::string Mjpeg(int width, int height, int fps);
+    // A pre-encoded MPEG-4 Part 2 Matroska file, paced in real time.
+    static std::string Mpeg4File(const std::string& mkvPath);
+
+private:
+    std::string dir_;
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+}  // namespace camctl_test
