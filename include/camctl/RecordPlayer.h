@@ -7,20 +7,23 @@
 // picture at a time can be saved as a BMP file.
 //
 // Threads: the host calls the public operations from one thread; the timer
-// thread ticks every 2 ms for the player's whole life; the session's decode
-// and audio threads call DoVideoBuffer / DoAudioBuffer.
+// thread lives as long as the player and ticks every 2 ms while a file plays
+// unpaused (it sleeps otherwise); the session's decode and audio threads
+// call DoVideoBuffer / DoAudioBuffer.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "camctl/FileVideoSession.h"
+#include "camctl/VideoDisplayer.h"
 
 class CDC;
 class CRecordPlayer;
 class CVideoSession;
 struct os_cond;
 struct os_mutex;
+struct os_sem;
 struct os_thread;
 
 // (player, user data, BGR24 bottom-up picture, width, height)
@@ -87,6 +90,7 @@ private:
     char m_szImagePath[256] = {};  // guarded by m_hLock
     int32_t m_bSaveImage = 0;      // guarded by m_hLock
     CFileVideoSession m_FileSession;
+    CVideoDisplayer m_Displayer;  // kept for the host's window; pictures go to the callback
     // Callbacks and their user data: guarded by m_hLock.
     void* m_pVideoUser = nullptr;
     PlayerVideoBufCallBack m_pfnVideo = nullptr;
@@ -101,4 +105,5 @@ private:
     std::atomic<int32_t> m_nTickCount{-1};     // ticks since the last release; -1 resync
     os_thread* m_hTimerThread = nullptr;
     std::atomic<int32_t> m_bTimerRunning{0};
+    os_sem* m_hTimerWake = nullptr;  // posted when ticks start to matter (play, resume, end)
 };

@@ -1,0 +1,399 @@
+// CRecordPlayer: paced playback of a recorded file.
+//
+// Pacing: a timer thread wakes every 2 ms at absolute CLOCK_MONOTONIC
+// deadlines and counts ticks while a file plays unpaused. While nothing
+// plays, or the file is paused, a tick would do nothing: the thread then
+// sleeps until PlayFile, Resume or destruction wakes it, so an idle player
+// costs no CPU. When the count
+// reaches the tick interval it releases one picture through the frame event
+// (a counting semaphore, so a release that comes before the wait is kept).
+// The session's decode thread waits for that release in DoVideoBuffer.
+//
+// A tick count of -1 means "resynchronise": the timer stays quiet, and the
+// next picture takes a release that is already pending (waiting at most one
+// 10 ms round), drops any stale ones, and restarts the count at 0 so that
+// pacing runs from that picture on.
+#include "camctl/RecordPlayer.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "runtime/os.h"
+#include "snapshot_writer.h"
+
+namespace {
+
+constexpr long kTickNs = 2 * 1000 * 1000;  // timer period: 2 ms
+// After a stall longer than this the timer restarts from now instead of
+// replaying every missed tick at once.
+constexpr long long kMaxLagNs = 100LL * 1000 * 1000;
+constexpr uint32_t kResyncRoundMs = 10;
+constexpr uint32_t kFrameWaitMs = 1000;
+constexpr uint32_t kIdleWaitMs = 1000;
+
+long long ToNs(const timespec& t) { return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec; }
+
+void AddNs(timespec* t, long ns) {
+    t->tv_nsec += ns;
+    while (t->tv_nsec >= 1000000000L) {
+        t->tv_nsec -= 1000000000L;
+        ++t->tv_sec;
+    }
+}
+
+struct FileCloser {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+void PutLe16(unsigned char* p, uint32_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+}
+
+void PutLe32(unsigned char* p, uint32_t v) {
+    PutLe16(p, v & 0xFFFF);
+    PutLe16(p + 2, v >> 16);
+}
+
+// Writes a 24-bit BGR bottom-up picture (rows of width x 3 bytes, unpadded)
+// as a BMP file. Each row is followed by the zero bytes that pad it to a
+// multiple of 4. A file that cannot be created is skipped silently.
+void WritePlaybackBmp(const char* path, const unsigned char* data, int width, int height) {
+    if (!path || !path[0] || !data || width <= 0 || height <= 0) return;
+    const uint32_t row_bytes = static_cast<uint32_t>(width) * 3;
+    const uint32_t padded_row = (row_bytes + 3) / 4 * 4;
+    const uint32_t image_size = padded_row * static_cast<uint32_t>(height);
+
+    unsigned char header[54] = {};
+    header[0] = 'B';
+    header[1] = 'M';
+    PutLe32(header + 2, image_size + 54);
+    PutLe32(header + 10, 54);
+    PutLe32(header + 14, 40);
+    PutLe32(header + 18, static_cast<uint32_t>(width));
+    PutLe32(header + 22, static_cast<uint32_t>(height));
+    PutLe16(header + 26, 1);
+    PutLe16(header + 28, 24);
+    PutLe32(header + 34, image_size);
+
+    FilePtr file(std::fopen(path, "wb"));
+    if (!file) return;
+    std::fwrite(header, 1, sizeof header, file.get());
+    static const unsigned char kPad[3] = {0, 0, 0};
+    for (int row = 0; row < height; ++row) {
+        std::fwrite(data + static_cast<size_t>(row) * row_bytes, 1, row_bytes, file.get());
+        if (padded_row > row_bytes) std::fwrite(kPad, 1, padded_row - row_bytes, file.get());
+    }
+}
+
+}  // namespace
+
+CRecordPlayer::CRecordPlayer() {
+    std::snprintf(m_szSaveDir, sizeof m_szSaveDir, "%s", ".");
+    m_hLock = os_mutex_create();
+    m_hFrameEvent = os_cond_create();
+    m_hTimerWake = os_sem_create(0);
+    m_bTimerRunning.store(1);
+    m_hTimerThread = os_thread_create(nullptr, &CRecordPlayer::TimerThreadProc, this);
+    m_nTimerId = m_hTimerThread ? 1 : -1;
+    if (!m_hTimerThread) {
+        m_bTimerRunning.store(0);
+        os_print("CRecordPlayer: timer thread could not be started");
+    }
+}
+
+CRecordPlayer::~CRecordPlayer() {
+    Stop();
+    if (m_hTimerThread) {
+        m_bTimerRunning.store(0);
+        os_sem_post(m_hTimerWake);
+        os_thread_join(m_hTimerThread);
+        os_thread_free(m_hTimerThread);
+        m_hTimerThread = nullptr;
+    }
+    m_nTimerId = -1;
+    os_cond_destroy(m_hFrameEvent);
+    m_hFrameEvent = nullptr;
+    os_mutex_destroy(m_hLock);
+    m_hLock = nullptr;
+    os_sem_destroy(m_hTimerWake);
+    m_hTimerWake = nullptr;
+}
+
+void* CRecordPlayer::TimerThreadProc(void* self) {
+    auto* player = static_cast<CRecordPlayer*>(self);
+    os_thread_set_name("player/timer");
+    timespec next{};
+    clock_gettime(CLOCK_MONOTONIC, &next);
+    while (player->m_bTimerRunning.load(std::memory_order_relaxed)) {
+        if (!player->m_bPlaying.load(std::memory_order_relaxed) ||
+            player->m_bPause.load(std::memory_order_relaxed)) {
+            // Nothing to count: sleep until woken (the second is only a
+            // safety net), then tick from that moment on.
+            os_sem_timedwait(player->m_hTimerWake, kIdleWaitMs);
+            clock_gettime(CLOCK_MONOTONIC, &next);
+            continue;
+        }
+        AddNs(&next, kTickNs);
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr) == EINTR) {
+        }
+        if (!player->m_bTimerRunning.load(std::memory_order_relaxed)) break;
+        player->OnTimer();
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (ToNs(now) - ToNs(next) > kMaxLagNs) next = now;
+    }
+    return nullptr;
+}
+
+void CRecordPlayer::OnTimer() {
+    if (!m_bPlaying.load(std::memory_order_relaxed) || m_bPause.load(std::memory_order_relaxed)) return;
+    int32_t count = m_nTickCount.load(std::memory_order_relaxed);
+    if (count == -1) return;
+    // Compare-and-swap so that a -1 written meanwhile by the host or a 0
+    // written by the decode thread is never overwritten.
+    if (count + 1 >= m_nTickInterval.load(std::memory_order_relaxed)) {
+        if (m_nTickCount.compare_exchange_strong(count, 0)) os_cond_signal(m_hFrameEvent);
+    } else {
+        m_nTickCount.compare_exchange_strong(count, count + 1);
+    }
+}
+
+int CRecordPlayer::WaitFrameEvent(uint32_t timeout_ms) {
+    // The runtime's timed wait releases the mutex it is given for the time of
+    // the wait, so the caller holds it on entry.
+    os_mutex_lock(m_hLock);
+    int rc = os_cond_timedwait_ms(m_hFrameEvent, m_hLock, timeout_ms);
+    os_mutex_unlock(m_hLock);
+    return rc == 0 ? 0 : 1;
+}
+
+int CRecordPlayer::PlayFile(const char* path, CDC* dc, int width, int height) {
+    (void)dc;
+    (void)width;
+    (void)height;
+    if (m_bPlaying.load() || !path) return -1;
+    m_bPause.store(0);
+    // Playing is announced before the session starts decoding, so that its
+    // first picture is paced (resynchronised) rather than refused.
+    m_nTickCount.store(-1);
+    m_nCurrTime = 0;
+    m_bPlaying.store(1);
+    os_sem_post(m_hTimerWake);
+    if (m_FileSession.VideoInit(this, path) != 0) {
+        m_bPlaying.store(0);
+        return -1;
+    }
+    m_FileSession.SetDecodeEnbale(1);
+    const int64_t frequency = m_FileSession.GetFrequency();
+    if (frequency != 0) m_nFrameDuration = 1000 / frequency;
+    if (m_nFrameDuration < 11) m_nFrameDuration = 40;
+    m_nTickInterval.store((m_nFrameDuration + 1) / 2);
+    return 0;
+}
+
+int CRecordPlayer::Pause() {
+    if (!m_bPlaying.load()) return -1;
+    m_bPause.store(1);
+    m_FileSession.Pause();
+    return 0;
+}
+
+int CRecordPlayer::Resume() {
+    if (!m_bPlaying.load()) return -1;
+    m_bPause.store(0);
+    os_sem_post(m_hTimerWake);
+    m_FileSession.Resume();
+    return 0;
+}
+
+int CRecordPlayer::Stop() {
+    if (!m_bPlaying.load()) return -1;
+    // Clear the state first, then release a decode thread that waits for
+    // its picture: it sees that nothing plays and returns at once.
+    m_nTickCount.store(-1);
+    m_bPlaying.store(0);
+    os_cond_signal(m_hFrameEvent);
+    m_FileSession.VideoFree();
+    return 0;
+}
+
+int CRecordPlayer::SeekTime(int t) {
+    if (!m_bPlaying.load()) return -1;
+    m_FileSession.SeekTime(t);
+    m_nSeekTime = t;
+    return 0;
+}
+
+int CRecordPlayer::SetSpeedLevel(int level) {
+    if (!m_bPlaying.load()) return -1;
+    const int64_t d = m_nFrameDuration;
+    int64_t interval = m_nTickInterval.load();
+    switch (level) {
+        case 0:
+        case 100: interval = (d + 1) / 2; break;
+        case 1: interval = 8 * d; break;
+        case 2: interval = 4 * d; break;
+        case 3: interval = 2 * d; break;
+        case 4: interval = d; break;
+        case 101: interval = d / 4; break;
+        case 102: interval = d / 8; break;
+        case 103: interval = d / 16; break;
+        case 104: interval = d / 32; break;
+        default: break;
+    }
+    if (interval < 2) interval = 2;  // at most one picture per 4 ms
+    m_nTickInterval.store(interval);
+    m_nSpeedLevel = level;
+    m_FileSession.SetSpeedLevel(level);
+    m_nTickCount.store(-1);
+    // Wake a decode thread that waits at the old pace so that it
+    // resynchronises at the new one instead of sitting out its wait.
+    os_cond_signal(m_hFrameEvent);
+    return 0;
+}
+
+int64_t CRecordPlayer::GetCurrTime() {
+    if (!m_bPlaying.load()) return -1;
+    return m_FileSession.GetCurrTime();
+}
+
+int64_t CRecordPlayer::GetDuration() {
+    if (!m_bPlaying.load()) return -1;
+    return m_FileSession.GetTotalDuration();
+}
+
+bool CRecordPlayer::IsPlayFinish() {
+    if (!m_bPlaying.load()) return false;
+    return m_FileSession.IsPlayFinish();
+}
+
+int CRecordPlayer::SetSaveDir(const char* dir) {
+    if (!dir) return -1;
+    std::snprintf(m_szSaveDir, sizeof m_szSaveDir, "%s", dir);
+    if (!IsDirectory(m_szSaveDir)) MakeDirectories(m_szSaveDir);
+    const size_t len = std::strlen(m_szSaveDir);
+    if (len > 0 && m_szSaveDir[len - 1] == '/') m_szSaveDir[len - 1] = '\0';
+    return 0;
+}
+
+int CRecordPlayer::GetImagePath(char* out) {
+    if (!out) return -1;
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    mkdir(m_szSaveDir, 0755);
+    // Only the last level is made here: the folder appears when
+    // <save dir>/VMS exists already.
+    char folder[512];
+    std::snprintf(folder, sizeof folder, "%s/%s/PLAY-IMAGE-MANUAL", m_szSaveDir, "VMS");
+    mkdir(folder, 0755);
+    char name[96];
+    std::snprintf(name, sizeof name, "%04d%02d%02d-%02d%02d%02d.bmp", local.tm_year + 1900,
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    const std::string path = std::string(folder) + "/" + name;
+    const size_t len = std::min<size_t>(path.size(), 255);
+    std::memcpy(out, path.data(), len);
+    out[len] = '\0';
+    return 0;
+}
+
+int CRecordPlayer::SaveImage() {
+    char path[256];
+    GetImagePath(path);
+    os_mutex_lock(m_hLock);
+    std::memcpy(m_szImagePath, path, sizeof m_szImagePath);
+    m_bSaveImage = 1;
+    os_mutex_unlock(m_hLock);
+    return 0;
+}
+
+void CRecordPlayer::SetVideoBufCallBack(PlayerVideoBufCallBack fn, void* user) {
+    os_mutex_lock(m_hLock);
+    m_pfnVideo = fn;
+    m_pVideoUser = user;
+    os_mutex_unlock(m_hLock);
+}
+
+void CRecordPlayer::SetAudioBufCallBack(PlayerAudioBufCallBack fn, void* user) {
+    os_mutex_lock(m_hLock);
+    m_pfnAudio = fn;
+    m_pAudioUser = user;
+    os_mutex_unlock(m_hLock);
+}
+
+void CRecordPlayer::WriteSnapshot(unsigned char* buf, int width, int height) {
+    char path[256];
+    os_mutex_lock(m_hLock);
+    const bool pending = m_bSaveImage != 0;
+    if (pending) {
+        std::memcpy(path, m_szImagePath, sizeof path);
+        m_szImagePath[0] = '\0';
+        m_bSaveImage = 0;
+    }
+    os_mutex_unlock(m_hLock);
+    if (pending) WritePlaybackBmp(path, buf, width, height);
+}
+
+int CRecordPlayer::DoVideoBuffer(CVideoSession* session, unsigned char* buf, int width, int height) {
+    (void)session;
+    if (!m_bPlaying.load()) return -1;
+    m_nFrameCount.fetch_add(1, std::memory_order_relaxed);
+
+    for (;;) {
+        if (!m_bPlaying.load()) return -1;
+        int32_t count = m_nTickCount.load();
+        if (count == -1) {
+            if (m_bPause.load()) {
+                // Paused before pacing started: hold the picture.
+                WaitFrameEvent(kResyncRoundMs);
+                continue;
+            }
+            // The timer is quiet while the count is -1: take a release that
+            // is pending (at most one round), drop stale ones, and let the
+            // timer pace from now.
+            if (WaitFrameEvent(kResyncRoundMs) == 0) {
+                while (WaitFrameEvent(0) == 0) {
+                }
+            }
+            m_nTickCount.compare_exchange_strong(count, 0);
+            break;
+        }
+        const int rc = WaitFrameEvent(kFrameWaitMs);
+        // Stop or a new speed level while waiting: look again.
+        if (m_nTickCount.load() == -1) continue;
+        if (rc == 0) break;
+        // Timed out: the timer was quiet for a second. While paused that is
+        // expected and the picture stays held; otherwise it goes out now.
+        if (!m_bPause.load()) break;
+    }
+    if (!m_bPlaying.load()) return -1;
+
+    WriteSnapshot(buf, width, height);
+
+    os_mutex_lock(m_hLock);
+    PlayerVideoBufCallBack fn = m_pfnVideo;
+    void* user = m_pVideoUser;
+    os_mutex_unlock(m_hLock);
+    if (fn) fn(this, user, buf, width, height);
+    return 0;
+}
+
+int CRecordPlayer::DoAudioBuffer(CVideoSession* session, unsigned short* buf, int count, int rate) {
+    (void)session;
+    os_mutex_lock(m_hLock);
+    PlayerAudioBufCallBack fn = m_pfnAudio;
+    void* user = m_pAudioUser;
+    os_mutex_unlock(m_hLock);
+    if (fn) fn(this, user, buf, count, rate);
+    return 0;
+}

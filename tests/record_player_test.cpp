@@ -1,0 +1,436 @@
+// CRecordPlayer against real AVI files made with the ffmpeg CLI.
+//
+// The main fixture is a black 322x242 picture with a white bar in its upper
+// half whose x position is 5 x (whole seconds of the picture's timestamp), so
+// every delivered picture tells which second of the file it shows. 322
+// pixels of 3 bytes make rows that need 2 bytes of BMP padding.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "camctl/RecordPlayer.h"
+#include "support/fixtures.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int kWidth = 322;
+constexpr int kHeight = 242;
+
+std::string BarFile() {
+    return camctl_test::Fixture(
+        "player_bar_25fps.avi",
+        "-f lavfi -i color=c=black:size=322x242:rate=25:duration=60 "
+        "-f lavfi -i color=c=white:size=4x121:rate=25 "
+        "-filter_complex \"[0][1]overlay=x='5*floor(t)':y=0:eval=frame:shortest=1\" "
+        "-c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p");
+}
+
+std::string FastFile() {
+    return camctl_test::Fixture("player_100fps.avi",
+                                "-f lavfi -i testsrc2=size=160x120:rate=100 -t 8 "
+                                "-c:v libx264 -bf 0 -g 100 -pix_fmt yuv420p");
+}
+
+std::string AudioFile() {
+    return camctl_test::Fixture("player_audio.avi",
+                                "-f lavfi -i testsrc2=size=160x120:rate=25 "
+                                "-f lavfi -i sine=frequency=440:sample_rate=8000 -t 8 "
+                                "-c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -c:a pcm_mulaw");
+}
+
+// Second shown by a bar-fixture picture (BGR24, bottom-up), -1 if no bar.
+int BarSecond(const unsigned char* bgr, int width, int height) {
+    const unsigned char* row = bgr + static_cast<size_t>(height - 10) * width * 3;  // 10th row from the top
+    for (int x = 0; x < width; ++x)
+        if (row[x * 3] > 128) return (x + 2) / 5;
+    return -1;
+}
+
+// Everything the player hands to the host, with the time it arrived.
+struct Deliveries {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::vector<Clock::time_point> times;
+    std::vector<int> seconds;
+    int width = 0;
+    int height = 0;
+    bool capture_next = false;
+    std::vector<unsigned char> captured;
+    CRecordPlayer* player = nullptr;
+    bool wrong_player = false;
+    // Audio.
+    long long samples = 0;
+    int audio_calls = 0;
+    int rate = 0;
+
+    size_t Count() {
+        std::lock_guard<std::mutex> lock(mu);
+        return times.size();
+    }
+    bool WaitCount(size_t n, std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, timeout, [&] { return times.size() >= n; });
+    }
+    int CountBetween(Clock::time_point a, Clock::time_point b) {
+        std::lock_guard<std::mutex> lock(mu);
+        int n = 0;
+        for (auto t : times) n += (t >= a && t < b);
+        return n;
+    }
+    int LastSecond() {
+        std::lock_guard<std::mutex> lock(mu);
+        return seconds.empty() ? -1 : seconds.back();
+    }
+};
+
+int OnVideo(CRecordPlayer* player, void* user, unsigned char* buf, int32_t width, int32_t height) {
+    auto* d = static_cast<Deliveries*>(user);
+    std::lock_guard<std::mutex> lock(d->mu);
+    if (player != d->player) d->wrong_player = true;
+    d->times.push_back(Clock::now());
+    d->seconds.push_back(BarSecond(buf, width, height));
+    d->width = width;
+    d->height = height;
+    if (d->capture_next) {
+        d->captured.assign(buf, buf + static_cast<size_t>(width) * height * 3);
+        d->capture_next = false;
+    }
+    d->cv.notify_all();
+    return 0;
+}
+
+int OnAudio(CRecordPlayer*, void* user, unsigned short* buf, int32_t count, int32_t rate) {
+    auto* d = static_cast<Deliveries*>(user);
+    std::lock_guard<std::mutex> lock(d->mu);
+    if (buf && count > 0) d->samples += count;
+    d->audio_calls++;
+    d->rate = rate;
+    return 0;
+}
+
+class RecordPlayerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        player_ = std::make_unique<CRecordPlayer>();
+        d_.player = player_.get();
+        player_->SetVideoBufCallBack(&OnVideo, &d_);
+    }
+    void TearDown() override {
+        player_.reset();
+        EXPECT_FALSE(d_.wrong_player);
+    }
+
+    void Play(const std::string& file) {
+        ASSERT_EQ(0, player_->PlayFile(file.c_str(), nullptr, 0, 0));
+        ASSERT_TRUE(d_.WaitCount(1, 3s)) << "no picture from " << file;
+    }
+
+    // Pictures delivered during a window of the given length at the given
+    // level, measured after a short settling time.
+    int PicturesAtLevel(int level, std::chrono::milliseconds window) {
+        EXPECT_EQ(0, player_->SetSpeedLevel(level));
+        std::this_thread::sleep_for(300ms);
+        const auto start = Clock::now();
+        std::this_thread::sleep_for(window);
+        return d_.CountBetween(start, start + window);
+    }
+
+    Deliveries d_;
+    std::unique_ptr<CRecordPlayer> player_;
+};
+
+TEST_F(RecordPlayerTest, Pacing_SpeedLevelsSetPictureRate) {
+    Play(BarFile());
+    EXPECT_EQ(kWidth, d_.width);
+    EXPECT_EQ(kHeight, d_.height);
+    // d = 40 ms: 20 ticks of 2 ms at level 0, 10 at 2x, 40 at half speed.
+    EXPECT_NEAR(100, PicturesAtLevel(0, 4000ms), 5);
+    EXPECT_NEAR(200, PicturesAtLevel(101, 4000ms), 10);
+    EXPECT_NEAR(50, PicturesAtLevel(4, 4000ms), 3);
+    // An unknown level keeps the current pace.
+    EXPECT_NEAR(25, PicturesAtLevel(57, 2000ms), 3);
+}
+
+TEST_F(RecordPlayerTest, Pacing_Level104IsTwoTicksPerPicture) {
+    Play(BarFile());
+    // 40 / 32 = 1 tick is raised to 2: one picture per 4 ms.
+    const int n = PicturesAtLevel(104, 4000ms);
+    EXPECT_LE(n, 1010);
+    EXPECT_GE(n, 850);  // the decoder has to keep up with 250 pictures a second
+}
+
+TEST_F(RecordPlayerTest, Pacing_FileAbove90FpsPlaysAt40MsPerPicture) {
+    Play(FastFile());
+    const auto start = Clock::now() + 300ms;
+    std::this_thread::sleep_for(2300ms);
+    EXPECT_NEAR(50, d_.CountBetween(start, start + 2000ms), 4);
+}
+
+TEST_F(RecordPlayerTest, Pacing_FirstPictureAfterSpeedChangeIsPrompt) {
+    Play(BarFile());
+    // At 1/16 speed a picture is due every 640 ms; the change itself lets the
+    // next picture out at once.
+    ASSERT_EQ(0, player_->SetSpeedLevel(1));
+    const size_t before = d_.Count();
+    const auto t0 = Clock::now();
+    ASSERT_TRUE(d_.WaitCount(before + 1, 1s));
+    EXPECT_LT(Clock::now() - t0, 150ms);
+    // ... and the one after it waits for its 640 ms.
+    ASSERT_TRUE(d_.WaitCount(before + 2, 2s));
+    std::lock_guard<std::mutex> lock(d_.mu);
+    const auto gap = d_.times[before + 1] - d_.times[before];
+    EXPECT_GT(gap, 500ms);
+    EXPECT_LT(gap, 900ms);
+}
+
+TEST_F(RecordPlayerTest, Control_PauseHoldsPicturesAndResumeContinues) {
+    Play(BarFile());
+    ASSERT_TRUE(d_.WaitCount(5, 2s));
+    std::this_thread::sleep_for(20ms);  // mid-interval: the next picture waits for its tick
+    const size_t before = d_.Count();
+    ASSERT_EQ(0, player_->Pause());
+    std::this_thread::sleep_for(50ms);  // a picture released just before the pause may finish
+    const size_t at_pause = d_.Count();
+    EXPECT_LE(at_pause, before + 1);
+    // Longer than the 1000 ms frame wait: the held picture stays held.
+    std::this_thread::sleep_for(1300ms);
+    EXPECT_EQ(at_pause, d_.Count());
+    const size_t held = d_.Count();
+    ASSERT_EQ(0, player_->Resume());
+    std::this_thread::sleep_for(1000ms);
+    EXPECT_NEAR(static_cast<int>(held) + 25, static_cast<int>(d_.Count()), 5);
+}
+
+TEST_F(RecordPlayerTest, Control_SeekTwelveShowsSecondTen) {
+    Play(BarFile());
+    ASSERT_TRUE(d_.WaitCount(3, 2s));
+    EXPECT_LT(d_.LastSecond(), 2);
+    const size_t before = d_.Count();
+    ASSERT_EQ(0, player_->SeekTime(12));
+    ASSERT_TRUE(d_.WaitCount(before + 30, 3s));
+    std::vector<int> after;
+    {
+        std::lock_guard<std::mutex> lock(d_.mu);
+        after.assign(d_.seconds.begin() + before, d_.seconds.end());
+    }
+    // A few pictures of the old position may still be on their way; the
+    // first picture of the new one is second 10, never 12 or later.
+    size_t i = 0;
+    while (i < after.size() && after[i] < 10) ++i;
+    ASSERT_LT(i, 5u) << "seek did not take effect";
+    EXPECT_EQ(10, after[i]);
+    EXPECT_GE(after.back(), 10);
+    EXPECT_LE(after.back(), 11);
+    const int64_t now = player_->GetCurrTime();
+    EXPECT_GE(now, 10);
+    EXPECT_LE(now, 11);
+    EXPECT_EQ(60, player_->GetDuration());
+}
+
+TEST_F(RecordPlayerTest, Control_StopWhileDecodeThreadWaitsIsPrompt) {
+    Play(BarFile());
+    ASSERT_EQ(0, player_->SetSpeedLevel(1));  // 640 ms per picture
+    const size_t n = d_.Count();
+    ASSERT_TRUE(d_.WaitCount(n + 1, 1s));
+    std::this_thread::sleep_for(100ms);  // the next picture now waits
+    const auto t0 = Clock::now();
+    ASSERT_EQ(0, player_->Stop());
+    EXPECT_LT(Clock::now() - t0, 100ms);
+    const size_t stopped = d_.Count();
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(stopped, d_.Count());
+    // The player can play again after a stop.
+    Play(FastFile());
+}
+
+TEST_F(RecordPlayerTest, Control_NothingPlayingGivesFailure) {
+    auto check_idle = [&] {
+        EXPECT_EQ(-1, player_->Pause());
+        EXPECT_EQ(-1, player_->Resume());
+        EXPECT_EQ(-1, player_->Stop());
+        EXPECT_EQ(-1, player_->SeekTime(12));
+        EXPECT_EQ(-1, player_->SetSpeedLevel(0));
+        EXPECT_EQ(-1, player_->SetSpeedLevel(33));
+        EXPECT_EQ(-1, player_->GetCurrTime());
+        EXPECT_EQ(-1, player_->GetDuration());
+        EXPECT_FALSE(player_->IsPlayFinish());
+        unsigned char pixel[3] = {};
+        EXPECT_EQ(-1, player_->DoVideoBuffer(nullptr, pixel, 1, 1));
+    };
+    check_idle();
+    EXPECT_EQ(-1, player_->PlayFile("/nonexistent/file.avi", nullptr, 0, 0));
+    check_idle();
+    EXPECT_EQ(0u, d_.Count());  // an idle DoVideoBuffer delivers nothing
+    Play(FastFile());
+    EXPECT_EQ(-1, player_->PlayFile(BarFile().c_str(), nullptr, 0, 0));
+    EXPECT_EQ(0, player_->Stop());
+    const size_t stopped = d_.Count();
+    check_idle();
+    EXPECT_EQ(stopped, d_.Count());
+}
+
+TEST_F(RecordPlayerTest, Control_EndOfFileIsReported) {
+    const std::string file = camctl_test::Fixture(
+        "player_short.avi",
+        "-f lavfi -i testsrc2=size=160x120:rate=25 -t 1 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p");
+    Play(file);
+    EXPECT_EQ(0, player_->SetSpeedLevel(104));
+    const auto deadline = Clock::now() + 3s;
+    while (!player_->IsPlayFinish() && Clock::now() < deadline) std::this_thread::sleep_for(20ms);
+    EXPECT_TRUE(player_->IsPlayFinish());
+    EXPECT_EQ(0, player_->Stop());
+}
+
+TEST_F(RecordPlayerTest, Snapshot_WhilePausedWritesFirstPictureAfterResume) {
+    camctl_test::TempDir dir;
+    ASSERT_EQ(0, mkdir((dir / "VMS").c_str(), 0755));
+    ASSERT_EQ(0, player_->SetSaveDir(dir.path().c_str()));
+    Play(BarFile());
+    ASSERT_TRUE(d_.WaitCount(30, 3s));  // into second 1
+    std::this_thread::sleep_for(20ms);  // mid-interval: the next picture waits for its tick
+    ASSERT_EQ(0, player_->Pause());
+    std::this_thread::sleep_for(100ms);
+    ASSERT_EQ(0, player_->SaveImage());
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_TRUE(camctl_test::ListFiles(dir.path()).empty()) << "written while paused";
+    size_t before;
+    {
+        std::lock_guard<std::mutex> lock(d_.mu);
+        d_.capture_next = true;
+        before = d_.times.size();
+    }
+    ASSERT_EQ(0, player_->Resume());
+    ASSERT_TRUE(d_.WaitCount(before + 3, 2s));
+    const auto files = camctl_test::ListFiles(dir.path());
+    ASSERT_EQ(1u, files.size());
+    EXPECT_TRUE(std::regex_match(files[0], std::regex(".*/VMS/PLAY-IMAGE-MANUAL/[0-9]{8}-[0-9]{6}\\.bmp")))
+        << files[0];
+
+    const auto bmp = camctl_test::ReadFileBytes(files[0]);
+    const uint32_t row = (kWidth * 3 + 3) / 4 * 4;
+    ASSERT_EQ(968u, row);
+    ASSERT_EQ(54 + row * kHeight, bmp.size());
+    auto le32 = [&](size_t off) {
+        return static_cast<uint32_t>(bmp[off] | bmp[off + 1] << 8 | bmp[off + 2] << 16 | bmp[off + 3] << 24);
+    };
+    auto le16 = [&](size_t off) { return static_cast<uint32_t>(bmp[off] | bmp[off + 1] << 8); };
+    EXPECT_EQ('B', bmp[0]);
+    EXPECT_EQ('M', bmp[1]);
+    EXPECT_EQ(bmp.size(), le32(2));
+    EXPECT_EQ(54u, le32(10));
+    EXPECT_EQ(40u, le32(14));
+    EXPECT_EQ(static_cast<uint32_t>(kWidth), le32(18));
+    EXPECT_EQ(static_cast<uint32_t>(kHeight), le32(22));
+    EXPECT_EQ(1u, le16(26));
+    EXPECT_EQ(24u, le16(28));
+    EXPECT_EQ(0u, le32(30));
+    EXPECT_EQ(row * kHeight, le32(34));
+
+    // The pixel rows are the first picture delivered after Resume, each
+    // followed by two zero bytes of padding.
+    std::lock_guard<std::mutex> lock(d_.mu);
+    ASSERT_EQ(static_cast<size_t>(kWidth) * kHeight * 3, d_.captured.size());
+    for (int y = 0; y < kHeight; ++y) {
+        const unsigned char* file_row = bmp.data() + 54 + static_cast<size_t>(y) * row;
+        ASSERT_EQ(0, std::memcmp(file_row, d_.captured.data() + static_cast<size_t>(y) * kWidth * 3, kWidth * 3))
+            << "row " << y;
+        EXPECT_EQ(0, file_row[kWidth * 3]);
+        EXPECT_EQ(0, file_row[kWidth * 3 + 1]);
+    }
+    const int second = BarSecond(d_.captured.data(), kWidth, kHeight);
+    EXPECT_EQ(1, second);
+
+    // Read back by an independent decoder, the bar is in the upper half.
+    std::string gray;
+    ASSERT_EQ(0, camctl_test::RunCommand("ffmpeg -v error -i '" + files[0] +
+                                             "' -f rawvideo -pix_fmt gray -",
+                                         &gray));
+    ASSERT_EQ(static_cast<size_t>(kWidth) * kHeight, gray.size());
+    auto bright = [&](int top_row) {
+        int n = 0;
+        for (int x = 0; x < kWidth; ++x) n += static_cast<unsigned char>(gray[top_row * kWidth + x]) > 128;
+        return n;
+    };
+    EXPECT_GE(bright(10), 3);
+    EXPECT_EQ(0, bright(kHeight - 10));
+}
+
+TEST_F(RecordPlayerTest, Snapshot_FolderAndPathRules) {
+    camctl_test::TempDir dir;
+    // Missing levels are created; a trailing separator is dropped.
+    const std::string nested = dir / "a/b/";
+    ASSERT_EQ(0, player_->SetSaveDir(nested.c_str()));
+    struct stat st {};
+    ASSERT_EQ(0, stat((dir / "a/b").c_str(), &st));
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    char path[256] = {};
+    ASSERT_EQ(0, player_->GetImagePath(path));
+    EXPECT_TRUE(std::regex_match(path, std::regex(dir.path() + "/a/b/VMS/PLAY-IMAGE-MANUAL/[0-9]{8}-[0-9]{6}\\.bmp")))
+        << path;
+    // Without <save dir>/VMS the folder is not made and the snapshot is
+    // skipped silently.
+    EXPECT_NE(0, stat((dir / "a/b/VMS").c_str(), &st));
+    Play(FastFile());
+    ASSERT_EQ(0, player_->SaveImage());
+    const size_t n = d_.Count();
+    ASSERT_TRUE(d_.WaitCount(n + 3, 2s));
+    EXPECT_TRUE(camctl_test::ListFiles(dir.path()).empty());
+    // Once VMS exists the next snapshot lands in its PLAY-IMAGE-MANUAL.
+    ASSERT_EQ(0, mkdir((dir / "a/b/VMS").c_str(), 0755));
+    ASSERT_EQ(0, player_->SaveImage());
+    ASSERT_TRUE(d_.WaitCount(d_.Count() + 3, 2s));
+    const auto files = camctl_test::ListFiles(dir.path());
+    ASSERT_EQ(1u, files.size());
+    EXPECT_EQ(54 + 480 * 120, camctl_test::FileSize(files[0]));  // 160 x 3 needs no padding
+}
+
+TEST_F(RecordPlayerTest, Audio_ForwardedUnpacedWithSampleRate) {
+    player_->SetAudioBufCallBack(&OnAudio, &d_);
+    Play(AudioFile());
+    ASSERT_EQ(0, player_->SetSpeedLevel(4));  // video at half speed
+    std::this_thread::sleep_for(2000ms);
+    std::lock_guard<std::mutex> lock(d_.mu);
+    EXPECT_GT(d_.audio_calls, 0);
+    EXPECT_EQ(8000, d_.rate);
+    // Audio runs ahead of the slowed pictures: more sound than the pictures
+    // delivered so far cover.
+    const double video_seconds = d_.times.size() / 25.0;
+    EXPECT_GT(d_.samples / 8000.0, video_seconds);
+}
+
+TEST(RecordPlayerLifecycle, DestroyWhilePlayingLeavesNoThread) {
+    const std::string file = AudioFile();
+    const int threads_before = camctl_test::CountThreads();
+    for (int round = 0; round < 3; ++round) {
+        Deliveries d;
+        auto player = std::make_unique<CRecordPlayer>();
+        d.player = player.get();
+        player->SetVideoBufCallBack(&OnVideo, &d);
+        player->SetAudioBufCallBack(&OnAudio, &d);
+        ASSERT_EQ(0, player->PlayFile(file.c_str(), nullptr, 0, 0));
+        ASSERT_TRUE(d.WaitCount(2, 3s));
+        if (round == 1) player->Pause();
+        player.reset();
+        EXPECT_FALSE(d.wrong_player);
+    }
+    // Threads a stream leaves behind may take a moment to end.
+    const auto deadline = Clock::now() + 2s;
+    while (camctl_test::CountThreads() > threads_before && Clock::now() < deadline)
+        std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(threads_before, camctl_test::CountThreads());
+}
+
+}  // namespace
