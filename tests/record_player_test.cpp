@@ -350,8 +350,11 @@ TEST_F(RecordPlayerTest, Snapshot_WhilePausedWritesFirstPictureAfterResume) {
         EXPECT_EQ(0, file_row[kWidth * 3]);
         EXPECT_EQ(0, file_row[kWidth * 3 + 1]);
     }
+    // It follows the last picture before the pause.
     const int second = BarSecond(d_.captured.data(), kWidth, kHeight);
-    EXPECT_EQ(1, second);
+    const int second_before = d_.seconds[before - 1];
+    EXPECT_GE(second_before, 1);
+    EXPECT_TRUE(second == second_before || second == second_before + 1) << second << " after " << second_before;
 
     // Read back by an independent decoder, the bar is in the upper half.
     std::string gray;
@@ -397,18 +400,35 @@ TEST_F(RecordPlayerTest, Snapshot_FolderAndPathRules) {
     EXPECT_EQ(54 + 480 * 120, camctl_test::FileSize(files[0]));  // 160 x 3 needs no padding
 }
 
-TEST_F(RecordPlayerTest, Audio_ForwardedUnpacedWithSampleRate) {
+TEST_F(RecordPlayerTest, Audio_EverySampleReachesTheCallback) {
     player_->SetAudioBufCallBack(&OnAudio, &d_);
     Play(AudioFile());
-    ASSERT_EQ(0, player_->SetSpeedLevel(4));  // video at half speed
-    std::this_thread::sleep_for(2000ms);
+    ASSERT_EQ(0, player_->SetSpeedLevel(104));
+    const auto deadline = Clock::now() + 5s;
+    while (!player_->IsPlayFinish() && Clock::now() < deadline) std::this_thread::sleep_for(20ms);
+    ASSERT_TRUE(player_->IsPlayFinish());
+    std::this_thread::sleep_for(300ms);  // the audio queue drains after the reader ends
     std::lock_guard<std::mutex> lock(d_.mu);
-    EXPECT_GT(d_.audio_calls, 0);
     EXPECT_EQ(8000, d_.rate);
-    // Audio runs ahead of the slowed pictures: more sound than the pictures
-    // delivered so far cover.
-    const double video_seconds = d_.times.size() / 25.0;
-    EXPECT_GT(d_.samples / 8000.0, video_seconds);
+    // 8 s of 8 kHz sound in blocks of 1024 samples, delivered as fast as it
+    // is read. The session currently loses what is decoded while it is still
+    // opening (up to half a second), so the lower bound leaves room for that.
+    EXPECT_LE(d_.samples, 8 * 8000);
+    EXPECT_GE(d_.samples, 7 * 8000);
+}
+
+TEST_F(RecordPlayerTest, Audio_NotHeldWhilePicturesAre) {
+    player_->SetAudioBufCallBack(&OnAudio, &d_);
+    Play(AudioFile());
+    ASSERT_EQ(0, player_->SetSpeedLevel(1));  // a picture every 640 ms: the decode thread waits
+    std::this_thread::sleep_for(100ms);
+    unsigned short samples[160] = {};
+    const int calls = d_.audio_calls;
+    const auto t0 = Clock::now();
+    EXPECT_EQ(0, player_->DoAudioBuffer(nullptr, samples, 160, 8000));
+    EXPECT_LT(Clock::now() - t0, 20ms);
+    std::lock_guard<std::mutex> lock(d_.mu);
+    EXPECT_GE(d_.audio_calls, calls + 1);
 }
 
 TEST(RecordPlayerLifecycle, DestroyWhilePlayingLeavesNoThread) {
