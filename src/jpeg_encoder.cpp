@@ -349,18 +349,25 @@ inline int RoundHalfUpTowardZero(float product) {
 inline void Quantize(const float coef[64], const float divisor[64], int16_t zigzag[64]) {
     alignas(16) int16_t natural[64];
 #if CAMCTL_JPEG_SSE2
-    const __m128d half = _mm_set1_pd(0.5);
+    const __m128 half = _mm_set1_ps(0.5f);
+    const __m128 minusHalf = _mm_set1_ps(-0.5f);
+    const __m128i zero = _mm_setzero_si128();
     const __m128i maxAc = _mm_set1_epi16(kMaxAc);
     const __m128i minAc = _mm_set1_epi16(-kMaxAc);
+    // trunc(p + 0.5) exactly, in single precision: with t = trunc(p) and the
+    // exact fraction f = p - t, add 1 when f >= 0.5 (p positive) or when
+    // t <= -1 and f > -0.5 (p negative; for -1 < p < 0 the result is 0).
+    auto round4 = [&](__m128 p) {
+        const __m128i t = _mm_cvttps_epi32(p);
+        const __m128 f = _mm_sub_ps(p, _mm_cvtepi32_ps(t));
+        const __m128i up = _mm_castps_si128(_mm_cmpge_ps(f, half));
+        const __m128i upNegative =
+            _mm_and_si128(_mm_castps_si128(_mm_cmpgt_ps(f, minusHalf)), _mm_cmplt_epi32(t, zero));
+        return _mm_sub_epi32(_mm_sub_epi32(t, up), upNegative);
+    };
     for (int i = 0; i < 64; i += 8) {
-        const __m128 p0 = _mm_mul_ps(_mm_load_ps(coef + i), _mm_load_ps(divisor + i));
-        const __m128 p1 = _mm_mul_ps(_mm_load_ps(coef + i + 4), _mm_load_ps(divisor + i + 4));
-        const __m128i r0 = _mm_unpacklo_epi64(
-            _mm_cvttpd_epi32(_mm_add_pd(_mm_cvtps_pd(p0), half)),
-            _mm_cvttpd_epi32(_mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(p0, p0)), half)));
-        const __m128i r1 = _mm_unpacklo_epi64(
-            _mm_cvttpd_epi32(_mm_add_pd(_mm_cvtps_pd(p1), half)),
-            _mm_cvttpd_epi32(_mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(p1, p1)), half)));
+        const __m128i r0 = round4(_mm_mul_ps(_mm_load_ps(coef + i), _mm_load_ps(divisor + i)));
+        const __m128i r1 = round4(_mm_mul_ps(_mm_load_ps(coef + i + 4), _mm_load_ps(divisor + i + 4)));
         __m128i packed = _mm_packs_epi32(r0, r1);
         packed = _mm_min_epi16(_mm_max_epi16(packed, minAc), maxAc);
         _mm_store_si128(reinterpret_cast<__m128i*>(natural + i), packed);
@@ -662,6 +669,14 @@ void ForwardDctVector(const float in[64], float out[64]) {
 
 int RoundQuantized(float product) {
     return RoundHalfUpTowardZero(product);
+}
+
+void QuantizeBlock(const float coef[64], const float divisor[64], int16_t zigzag[64]) {
+    alignas(16) float c[64];
+    alignas(16) float d[64];
+    std::memcpy(c, coef, sizeof c);
+    std::memcpy(d, divisor, sizeof d);
+    Quantize(c, d, zigzag);
 }
 
 }  // namespace jpeg_internal

@@ -45,4 +45,9 @@ void ForwardDctVector(const float in[64], float out[64]);
 // trunc(product + 0.5), computed in double precision.
 int RoundQuantized(float product);
 
+// Quantises DCT output (natural order) with the divisors (natural order)
+// into zig-zag order, rounding as RoundQuantized does; AC values are
+// limited to +-1023 and DC to -1024..1023 as baseline coding requires.
+void QuantizeBlock(const float coef[64], const float divisor[64], int16_t zigzag[64]);
+
 }  // namespace jpeg_internal

@@ -267,8 +267,10 @@ bool CMotionDetector::ALgMotionDetect(unsigned char* picture, int width, int hei
     for (int row = 0; row < kGridRows; ++row) {
         for (int column = 0; column < kGridColumns; ++column) {
             if (m_DetectMap[column * kGridRows + row].load(std::memory_order_relaxed) == '0') continue;
-            const int offset = 3 * (row * cellHeight * width + column * cellWidth);
-            if (AlgMotionWinDetect(picture, width, height, offset)) {
+            const int64_t offset =
+                3 * (static_cast<int64_t>(row) * cellHeight * width + static_cast<int64_t>(column) * cellWidth);
+            if (offset > INT32_MAX) break;  // beyond what a cell offset can express
+            if (AlgMotionWinDetect(picture, width, height, static_cast<int>(offset))) {
                 StoreReference(picture, width, height);
                 trc_log(__FILE__, __LINE__, "", "ALgMotionDetect Succ x:%d  y:%d", column, row);
                 return true;

@@ -6,6 +6,7 @@
 #include <jpeglib.h>
 
 #include <cmath>
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -331,26 +332,47 @@ TEST(JpegEncoder_Dct, VectorAndPlainPathsAgreeBitForBit) {
     }
 }
 
-TEST(JpegEncoder_Dct, OutputIsTheScaledDct) {
-    // Constant block: only DC, equal to 8 * 8 * value (AAN scale 1 * 1 * 8 / 8).
-    float in[64], out[64];
-    for (float& s : in) s = 10.0f;
-    jpeg_internal::ForwardDctPlain(in, out);
-    EXPECT_NEAR(out[0], 640.0f, 1e-3);
-    for (int i = 1; i < 64; ++i) EXPECT_NEAR(out[i], 0.0f, 1e-3) << i;
-    // A horizontal cosine of frequency 1 lands in coefficient 1 only.
-    for (int r = 0; r < 8; ++r) {
-        for (int c = 0; c < 8; ++c) in[r * 8 + c] = static_cast<float>(50.0 * std::cos((2 * c + 1) * M_PI / 16));
-    }
-    jpeg_internal::ForwardDctPlain(in, out);
-    for (int i = 0; i < 64; ++i) {
-        if (i != 1) {
-            EXPECT_NEAR(out[i], 0.0f, 1e-2) << i;
+// Natural index of each zig-zag position, by walking the anti-diagonals.
+std::vector<int> ZigZagOrder() {
+    std::vector<int> order;
+    for (int s = 0; s < 15; ++s) {
+        const int lo = std::max(0, s - 7), hi = std::min(s, 7);
+        for (int i = 0; i <= hi - lo; ++i) {
+            const int row = s % 2 ? lo + i : hi - i;
+            order.push_back(row * 8 + (s - row));
         }
     }
-    // The true coefficient is 1/4 * 1/sqrt(2) * 8 * 50 * 4 = 200 * sqrt(2); the
-    // output carries the AAN factors of row 0 and column 1 and the factor 8.
-    EXPECT_NEAR(out[1] / (1.387039845 * 8), 200.0 * std::sqrt(2.0), 0.05);
+    return order;
+}
+
+TEST(JpegEncoder_Dct, BlockQuantisationMatchesTheScalarRounding) {
+    const std::vector<int> zigzag = ZigZagOrder();
+    ASSERT_EQ(zigzag.size(), 64u);
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> value(-1100.0f, 1100.0f);
+    std::uniform_real_distribution<float> scale(0.01f, 1.5f);
+    for (int trial = 0; trial < 3000; ++trial) {
+        alignas(16) float coef[64];
+        alignas(16) float divisor[64];
+        for (int i = 0; i < 64; ++i) {
+            divisor[i] = trial % 3 ? scale(rng) : 1.0f;
+            const float v = value(rng);
+            switch ((trial + i) % 4) {
+                case 0: coef[i] = v; break;
+                case 1: coef[i] = std::trunc(v) + 0.5f; break;  // exact halves
+                case 2: coef[i] = std::nextafter(std::trunc(v) + 0.5f, 0.0f); break;
+                default: coef[i] = std::trunc(v / 1000.0f) - 0.5f; break;  // -1.5, -0.5, 0.5
+            }
+        }
+        int16_t out[64];
+        jpeg_internal::QuantizeBlock(coef, divisor, out);
+        for (int k = 0; k < 64; ++k) {
+            const int n = zigzag[k];
+            const int rounded = jpeg_internal::RoundQuantized(coef[n] * divisor[n]);
+            const int expected = k == 0 ? std::clamp(rounded, -1024, 1023) : std::clamp(rounded, -1023, 1023);
+            ASSERT_EQ(out[k], expected) << "trial " << trial << " coefficient " << n << " value " << coef[n] * divisor[n];
+        }
+    }
 }
 
 TEST(JpegEncoder_Dct, QuantisedValuesRoundHalfUpAndTowardZeroBelow) {

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/pictures.h"
@@ -277,6 +279,36 @@ TEST_F(MotionDetectorCif, AllDisabledMapNeverDetectsButRenewsTheReference) {
     clock_.now += 3;
     Picture& next = SameAsReference(detector_, a_) ? b_ : a_;
     EXPECT_EQ(RunToTestPicture(detector_, next, kW, kH), 1);
+}
+
+TEST_F(MotionDetectorCif, SettingsChangeWhilePicturesFlow) {
+    // The host's thread changes settings while the picture thread runs.
+    StartPastWarmUp();
+    std::atomic<bool> done{false};
+    std::thread host([&] {
+        std::vector<unsigned char> map(CMotionDetector::kMapSize, '1');
+        for (int i = 0; !done.load(); ++i) {
+            detector_.SetDetectLevel(i % 3);
+            map[i % CMotionDetector::kMapSize] = i % 2 ? '0' : '1';
+            detector_.SetDetectMap(map.data());
+            detector_.SetDetectSpaceTime(i % 3);
+            detector_.SetNotifySpaceTime(i % 7);
+            detector_.SetOwnerName(i % 2 ? "north" : "south");
+            std::this_thread::yield();
+        }
+    });
+    Picture* turn[3] = {&b_, &c_, &a_};
+    int reports = 0;
+    for (int i = 0; i < 400; ++i) {
+        clock_.now += 1;
+        const int result = detector_.MotionDetectRun(turn[i % 3]->data(), kW, kH);
+        EXPECT_GE(result, 0);
+        EXPECT_LE(result, 2);
+        reports += result != 0;
+    }
+    done = true;
+    host.join();
+    EXPECT_GT(reports, 0);
 }
 
 TEST_F(MotionDetectorCif, PictureOfAnotherSizeIsIgnored) {

@@ -70,15 +70,6 @@ TEST(OsdText_Font, EveryPrintableGlyphHasInkAndTheSpaceNone) {
             EXPECT_GT(large, 0) << static_cast<char>(code);
         }
     }
-    // Distinct letters have distinct bitmaps.
-    const std::string letters = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-    for (size_t i = 0; i < letters.size(); ++i) {
-        for (size_t j = i + 1; j < letters.size(); ++j) {
-            const unsigned char* a = kOsdFont8x16 + (letters[i] - kOsdFirstChar) * 16;
-            const unsigned char* b = kOsdFont8x16 + (letters[j] - kOsdFirstChar) * 16;
-            EXPECT_NE(std::string(a, a + 16), std::string(b, b + 16)) << letters[i] << letters[j];
-        }
-    }
 }
 
 TEST(OsdText_Draw, FontFollowsThePictureWidth) {
