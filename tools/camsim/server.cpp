@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -167,6 +168,7 @@ std::unique_ptr<FrameSource> Server::Impl::MakeSource() {
 }
 
 void Server::Impl::Serve(Client* client) {
+    pthread_setname_np(pthread_self(), "camsim/client");
     const int fd = client->fd;
     SetTimeouts(fd);
     static const char kResponse[] =
@@ -265,6 +267,7 @@ void Server::Impl::ReapFinished(bool all) {
 }
 
 void Server::Impl::AcceptLoop() {
+    pthread_setname_np(pthread_self(), "camsim/accept");
     while (!stopping.load(std::memory_order_relaxed)) {
         ReapFinished(false);
         pollfd p{listener.get(), POLLIN, 0};
