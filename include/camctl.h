@@ -9,3 +9,6 @@
 #include "camctl/CDC.h"
 #include "camctl/VideoDisplayer.h"
 #include "camctl/MotionDetector.h"
+#include "camctl/TimeManager.h"
+#include "camctl/IpCamera.h"
+#include "camctl/IpCameraManager.h"

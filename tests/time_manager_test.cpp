@@ -1,0 +1,150 @@
+// Weekly schedules: minute matching, tick cadence and change reporting.
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "camctl/IpCamera.h"
+#include "camctl/TimeManager.h"
+
+namespace {
+
+time_t g_now = 0;
+time_t FakeClock() { return g_now; }
+
+// Local time on a given day; 2024-03-04 is a Monday.
+time_t At(int day, int hour, int minute, int second = 0) {
+    struct tm t {};
+    t.tm_year = 2024 - 1900;
+    t.tm_mon = 2;
+    t.tm_mday = day;
+    t.tm_hour = hour;
+    t.tm_min = minute;
+    t.tm_sec = second;
+    t.tm_isdst = -1;
+    return mktime(&t);
+}
+
+_record_time_t Entry(int weekday, int sh, int sm, int eh, int em) {
+    _record_time_t r{};
+    r.bWeekDay[weekday] = 1;
+    r.nStartHour = sh;
+    r.nStartMinute = sm;
+    r.nEndHour = eh;
+    r.nEndMinute = em;
+    return r;
+}
+
+class TimeManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_now = At(4, 12, 0);
+        tm_.SetClock(&FakeClock);
+        ASSERT_EQ(tm_.Init(&camera_), 0);
+    }
+
+    // Ticks n times; returns the tick at which the recording state first
+    // differs from `before` (0 when it never does).
+    int TicksUntilAutoSaveIs(bool wanted, int limit) {
+        for (int i = 1; i <= limit; ++i) {
+            EXPECT_EQ(tm_.OnTimer(), 0);
+            if (tm_.GetAutoSaveOn() == wanted) return i;
+        }
+        return 0;
+    }
+
+    CIpCamera camera_;
+    CTimeManager tm_;
+};
+
+TEST_F(TimeManagerTest, Match_BothEndsInclusiveToTheMinute) {
+    _record_time_t monday = Entry(1, 8, 0, 17, 30);
+    ASSERT_EQ(tm_.AddAutoSaveTime(&monday), 0);
+    struct Case {
+        time_t when;
+        bool match;
+    } cases[] = {
+        {At(4, 7, 59, 59), false}, {At(4, 8, 0, 0), true},   {At(4, 12, 0), true},
+        {At(4, 17, 30, 59), true}, {At(4, 17, 31, 0), false}, {At(5, 9, 0), false},
+        {At(11, 8, 0), true},      {At(3, 12, 0), false},
+    };
+    for (const Case& c : cases) {
+        g_now = c.when;
+        EXPECT_EQ(tm_.CheckAutoSaveTime(), c.match) << ctime(&c.when);
+        EXPECT_FALSE(tm_.CheckMotionSaveTime()) << "the motion list is separate";
+    }
+}
+
+TEST_F(TimeManagerTest, Match_SpanOverMidnightNeedsTwoEntries) {
+    _record_time_t wrapped = Entry(1, 22, 0, 2, 0);
+    ASSERT_EQ(tm_.AddMotionSaveTime(&wrapped), 0);
+    for (time_t t : {At(4, 23, 0), At(4, 1, 0), At(4, 22, 0), At(4, 2, 0)}) {
+        g_now = t;
+        EXPECT_FALSE(tm_.CheckMotionSaveTime());
+    }
+    _record_time_t evening = Entry(1, 22, 0, 23, 59);
+    _record_time_t morning = Entry(2, 0, 0, 2, 0);
+    ASSERT_EQ(tm_.AddMotionSaveTime(&evening), 0);
+    ASSERT_EQ(tm_.AddMotionSaveTime(&morning), 0);
+    g_now = At(4, 23, 30);
+    EXPECT_TRUE(tm_.CheckMotionSaveTime());
+    g_now = At(5, 1, 59);
+    EXPECT_TRUE(tm_.CheckMotionSaveTime());
+    g_now = At(5, 2, 1);
+    EXPECT_FALSE(tm_.CheckMotionSaveTime());
+
+    ASSERT_EQ(tm_.ResetMotionSaveTime(), 0);
+    g_now = At(4, 23, 30);
+    EXPECT_FALSE(tm_.CheckMotionSaveTime()) << "an emptied list matches nothing";
+}
+
+TEST_F(TimeManagerTest, Lifecycle_UninitialisedManagerRefusesEverything) {
+    _record_time_t r = Entry(1, 0, 0, 23, 59);
+    CTimeManager fresh;
+    EXPECT_EQ(fresh.AddAutoSaveTime(&r), -1);
+    EXPECT_EQ(fresh.AddMotionSaveTime(&r), -1);
+    EXPECT_EQ(fresh.ResetAutoSaveTime(), -1);
+    EXPECT_EQ(fresh.ResetMotionSaveTime(), -1);
+    EXPECT_EQ(fresh.OnTimer(), -1);
+    EXPECT_EQ(fresh.Free(), -1);
+    EXPECT_FALSE(fresh.CheckAutoSaveTime());
+
+    EXPECT_EQ(tm_.Init(&camera_), -1) << "second Init";
+    ASSERT_EQ(tm_.AddAutoSaveTime(&r), 0);
+    EXPECT_EQ(tm_.Free(), 0);
+    EXPECT_EQ(tm_.AddAutoSaveTime(&r), -1) << "after Free";
+    EXPECT_EQ(tm_.OnTimer(), -1);
+    EXPECT_EQ(tm_.Free(), -1);
+
+    CTimeManager ownerless;
+    ASSERT_EQ(ownerless.Init(nullptr), 0);
+    EXPECT_EQ(ownerless.OnTimer(), -1) << "no owner to notify";
+}
+
+TEST_F(TimeManagerTest, OnTimer_FirstCheckAtTick80ThenEvery20) {
+    _record_time_t all = Entry(1, 0, 0, 23, 59);
+    ASSERT_EQ(tm_.AddAutoSaveTime(&all), 0);
+    EXPECT_EQ(TicksUntilAutoSaveIs(true, 200), 80);
+
+    // Leave the schedule: the change shows at the next multiple of 20.
+    g_now = At(5, 12, 0);
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(tm_.OnTimer(), 0);  // ticks 81..85
+    EXPECT_TRUE(tm_.GetAutoSaveOn());
+    EXPECT_EQ(TicksUntilAutoSaveIs(false, 100), 15);  // tick 100
+    EXPECT_EQ(tm_.GetTick(), 100);
+}
+
+TEST_F(TimeManagerTest, OnTimer_ResetReportsAnOnScheduleAgain) {
+    _record_time_t all = Entry(1, 0, 0, 23, 59);
+    ASSERT_EQ(tm_.AddAutoSaveTime(&all), 0);
+    ASSERT_EQ(TicksUntilAutoSaveIs(true, 100), 80);
+    tm_.Reset();
+    EXPECT_FALSE(tm_.GetAutoSaveOn());
+    EXPECT_EQ(tm_.GetTick(), 0);
+    EXPECT_EQ(TicksUntilAutoSaveIs(true, 100), 80);
+
+    // Emptying the schedule while it is on turns it off at the next check.
+    ASSERT_EQ(tm_.ResetAutoSaveTime(), 0);
+    EXPECT_EQ(TicksUntilAutoSaveIs(false, 40), 20);
+}
+
+}  // namespace
