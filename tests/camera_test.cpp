@@ -12,6 +12,9 @@
 #include <ctime>
 #include <functional>
 #include <mutex>
+// GCC 12 reports a false maybe-uninitialized inside <regex> when built
+// with the sanitizers.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
 #include <string>
 #include <thread>
@@ -441,7 +444,9 @@ TEST_F(LiveCameraTest, Motion_SceneSwitchRecordsAndTakesSnapshot) {
     std::vector<std::string> avis = Matching(Base(), R"(cam\+3_\d{8}-\d{6}_2_(\d+)\.avi)");
     ASSERT_FALSE(avis.empty());
     const int len = std::atoi(avis[0].substr(avis[0].rfind("_2_") + 3).c_str());
-    EXPECT_GE(len, 2);
+    // Stopped once more than 2 whole seconds passed; the file's length
+    // counts from its first key frame, up to 1 s after the start.
+    EXPECT_GE(len, 1);
     EXPECT_LE(len, 4);
 }
 
