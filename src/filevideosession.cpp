@@ -2,13 +2,8 @@
 // throttled and decoded in full; pause, resume, seek, position, duration.
 #include "camctl/FileVideoSession.h"
 
-#include "engine/engine.h"
-
-// The owner class is forwarded to once it is part of the build.
-#if __has_include("camctl/RecordPlayer.h") && __has_include("recordplayer.cpp")
 #include "camctl/RecordPlayer.h"
-#define CAMCTL_HAVE_RECORDPLAYER 1
-#endif
+#include "engine/engine.h"
 
 namespace {
 // Positions above this many time-base units are not trusted.
@@ -19,7 +14,6 @@ CFileVideoSession::CFileVideoSession() { m_bFileSession = 1; }
 
 CFileVideoSession::~CFileVideoSession() { VideoFree(); }
 
-#ifdef CAMCTL_HAVE_RECORDPLAYER
 int CFileVideoSession::DoVideoBuffer(unsigned char* buf, int width, int height) {
     if (!m_pOwner) return -1;
     static_cast<CRecordPlayer*>(m_pOwner)->DoVideoBuffer(this, buf, width, height);
@@ -31,11 +25,6 @@ int CFileVideoSession::DoAudioBuffer(unsigned short* buf, int a, int b) {
     static_cast<CRecordPlayer*>(m_pOwner)->DoAudioBuffer(this, buf, a, b);
     return 0;
 }
-#else
-// Built without the record player: there is no owner type to forward to.
-int CFileVideoSession::DoVideoBuffer(unsigned char*, int, int) { return -1; }
-int CFileVideoSession::DoAudioBuffer(unsigned short*, int, int) { return -1; }
-#endif
 
 int CFileVideoSession::UpdateMotionAlarmRegion(char*) { return 0; }
 
