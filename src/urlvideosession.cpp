@@ -2,14 +2,9 @@
 // updates go to the owning camera; recording is the engine's AVI recorder.
 #include "camctl/UrlVideoSession.h"
 
+#include "camctl/IpCamera.h"
 #include "engine/engine.h"
 #include "runtime/trc_log.h"
-
-// The owner class is forwarded to once it is part of the build.
-#if __has_include("camctl/IpCamera.h") && __has_include("ipcamera.cpp")
-#include "camctl/IpCamera.h"
-#define CAMCTL_HAVE_IPCAMERA 1
-#endif
 
 TRC_DEFINE_UNIT();
 
@@ -17,7 +12,6 @@ CUrlVideoSession::CUrlVideoSession() : m_szName(), m_szReserved() { m_bFileSessi
 
 CUrlVideoSession::~CUrlVideoSession() { VideoFree(); }
 
-#ifdef CAMCTL_HAVE_IPCAMERA
 int CUrlVideoSession::DoVideoBuffer(unsigned char* buf, int width, int height) {
     if (!m_pOwner) return -1;
     static_cast<CIpCamera*>(m_pOwner)->DoVideoBuffer(this, buf, width, height);
@@ -35,12 +29,6 @@ int CUrlVideoSession::UpdateMotionAlarmRegion(char* region) {
     static_cast<CIpCamera*>(m_pOwner)->UpdateMotionAlarmRegion(this, region);
     return 0;
 }
-#else
-// Built without the camera classes: there is no owner type to forward to.
-int CUrlVideoSession::DoVideoBuffer(unsigned char*, int, int) { return -1; }
-int CUrlVideoSession::DoAudioBuffer(unsigned short*, int, int) { return -1; }
-int CUrlVideoSession::UpdateMotionAlarmRegion(char*) { return -1; }
-#endif
 
 int CUrlVideoSession::SetName(const char* name) {
     os_strlcpy(m_szName, name ? name : "", sizeof m_szName);
