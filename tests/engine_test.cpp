@@ -257,6 +257,40 @@ TEST(EngineStreamTest, PlaybackSourceNeverSmooth) {
     FFMpegContextDestroy(ctx);
 }
 
+TEST(EnginePacingTest, SyncVideoToAudio_SleepsUntilDueOnTheAudioClock) {
+    FFMpegContext* ctx = FFMpegContextAlloc();
+    ASSERT_NE(ctx, nullptr);
+    ctx->m_bRunning = 1;
+    const uint64_t now = os_tick_count();
+    // No valid audio reference: no wait.
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), 20);
+
+    // Private HTTP source, millisecond stamps: audio stamp 1000 played 100 ms
+    // ago, so video stamp 1300 is due in 200 ms.
+    ctx->m_bHttpSource = 1;
+    ctx->m_nAudioClock = 1;
+    ctx->m_nAudioRefTick = now - 100;
+    ctx->m_nAudioRefPts = 1000;
+    long long waited = camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 1300); });
+    EXPECT_GE(waited, 170);
+    EXPECT_LE(waited, 400);
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900); }), 20);  // late: at once
+    ctx->m_nAudioRefTick = os_tick_count() + 5000;  // reference in the future
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 90000); }), 20);
+
+    // 90 kHz stamps: the first packet sets the offset and is due at once; one
+    // 9000 ticks later is due 100 ms after it.
+    ctx->m_bHttpSource = 0;
+    ctx->m_nAudioRefTick = os_tick_count();
+    ctx->m_nAudioRefPts = 1;
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), 20);
+    EXPECT_NE(ctx->m_nVideoOffset, 0u);
+    waited = camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 909000); });
+    EXPECT_GE(waited, 70);
+    EXPECT_LE(waited, 300);
+    FFMpegContextFree(ctx);
+}
+
 TEST(EngineUrlTest, MaskUrlCredentials) {
     char out[256];
     auto mask = [&](const char* url) {

@@ -111,14 +111,6 @@ TEST(SessionTest, FileSession_DecodesToTheEndInBothLayouts) {
     }
 }
 
-TEST(SessionTest, GetVideoCodec_Hevc) {
-    TestFileSession s;
-    ASSERT_EQ(s.VideoInit(&s, HevcClip().c_str()), 0);
-    EXPECT_EQ(s.GetVideoCodec(), 3);
-    EXPECT_TRUE(s.log.WaitForCount(1, 5000));
-    s.VideoFree();
-}
-
 TEST(SessionTest, SeekTime_FiveSecondStepsAndPositionFollows) {
     TestFileSession s;
     // Paced like a player, 10 ms per picture: 20 s of video last 5 s.
@@ -157,22 +149,7 @@ TEST(SessionTest, SeekTime_NothingOnFilesShorterThanFiveSeconds) {
     EXPECT_EQ(s.SeekTime(3), 0);
     EXPECT_EQ(s.Context()->m_nSeekTarget, 0);
     EXPECT_EQ(RequestSeek(s.Context(), 12), 0);
-    s.VideoFree();
-}
-
-TEST(SessionTest, RequestSeek_TargetInVideoTimeBase) {
-    TestFileSession s;
-    ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
-    s.Pause();  // the reader leaves the target alone while paused
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    FFMpegContext* ctx = s.Context();
-    EXPECT_EQ(RequestSeek(ctx, 12), 10);
-    EXPECT_EQ(ctx->m_nSeekTarget, 250);
-    EXPECT_EQ(RequestSeek(ctx, 3), 5);
-    EXPECT_EQ(RequestSeek(ctx, -7), 5);
-    EXPECT_EQ(ctx->m_nSeekTarget, 125);
-    EXPECT_EQ(RequestSeek(ctx, 19), 15);
-    s.Resume();
+    EXPECT_EQ(s.GetVideoCodec(), 3);
     s.VideoFree();
 }
 
