@@ -431,7 +431,11 @@ TEST_F(RecordPlayerTest, Audio_NotHeldWhilePicturesAre) {
     ASSERT_EQ(0, player_->SetSpeedLevel(1));  // a picture every 640 ms: the decode thread waits
     std::this_thread::sleep_for(100ms);
     unsigned short samples[160] = {};
-    const int calls = d_.audio_calls;
+    int calls;
+    {
+        std::lock_guard<std::mutex> lock(d_.mu);
+        calls = d_.audio_calls;
+    }
     const auto t0 = Clock::now();
     EXPECT_EQ(0, player_->DoAudioBuffer(nullptr, samples, 160, 8000));
     EXPECT_LT(Clock::now() - t0, 20ms);
