@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "camctl/RecordPlayer.h"
+#include "camctl/UrlVideoSession.h"
+#include "camsim/server.h"
 #include "support/fixtures.h"
 
 namespace {
@@ -441,6 +443,46 @@ TEST_F(RecordPlayerTest, Audio_NotHeldWhilePicturesAre) {
     EXPECT_LT(Clock::now() - t0, 20ms);
     std::lock_guard<std::mutex> lock(d_.mu);
     EXPECT_GE(d_.audio_calls, calls + 1);
+}
+
+// A live session that only records.
+class RecordingSession : public CUrlVideoSession {
+public:
+    int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
+    int DoAudioBuffer(unsigned short*, int, int) override { return 0; }
+};
+
+// A recording made by the library from a simulated 25 fps camera with
+// G.711 sound plays at 25 pictures a second.
+TEST_F(RecordPlayerTest, Recording_FromCameraPlaysAt25Fps) {
+    camsim::Options o;
+    o.pattern.width = 320;
+    o.pattern.height = 240;
+    o.pattern.audio = camsim::AudioCodec::Mulaw;
+    o.speed = 0;  // as fast as the session reads
+    o.max_video_frames = 125;
+    camsim::Server server(o);
+    std::string error;
+    ASSERT_TRUE(server.Start(&error)) << error;
+    camctl_test::TempDir dir;
+    const std::string file = dir / "camera.avi";
+    {
+        RecordingSession session;
+        ASSERT_EQ(0, session.VideoInit(&session, server.Url().c_str()));
+        ASSERT_EQ(0, session.StartSaveAvi(file.c_str()));
+        const auto deadline = Clock::now() + 10s;
+        while (!session.IsPlayFinish() && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
+        ASSERT_TRUE(session.IsPlayFinish());
+        ASSERT_EQ(0, session.VideoFree());
+    }
+    server.Stop();
+
+    Play(file);
+    EXPECT_EQ(320, d_.width);
+    EXPECT_EQ(240, d_.height);
+    EXPECT_GE(player_->GetDuration(), 4);
+    EXPECT_LE(player_->GetDuration(), 5);
+    EXPECT_NEAR(50, PicturesAtLevel(0, 2000ms), 3);
 }
 
 TEST(RecordPlayerLifecycle, DestroyWhilePlayingLeavesNoThread) {
