@@ -205,6 +205,7 @@ TEST_F(CameraStorageTest, Paths_HostileNameStaysBelowTheRoot) {
 }
 
 TEST_F(CameraStorageTest, Streams_ClosedMainRefusesRecordingAndSubStream) {
+    ASSERT_EQ(cam_.SetSaveDir(dir_.path().c_str(), nullptr), 0);
     EXPECT_EQ(cam_.StartSaveAvi(1), -1);
     EXPECT_EQ(cam_.GetRecordFlags(), 0u);
     EXPECT_EQ(cam_.StopSaveAvi(7), 0);

@@ -5,6 +5,7 @@
 
 #include "camctl/IpCamera.h"
 #include "camctl/TimeManager.h"
+#include "support/fixtures.h"
 
 namespace {
 
@@ -39,6 +40,8 @@ protected:
     void SetUp() override {
         g_now = At(4, 12, 0);
         tm_.SetClock(&FakeClock);
+        // The owner's reactions (a recording it cannot start) stay in here.
+        ASSERT_EQ(camera_.SetSaveDir(dir_.path().c_str(), nullptr), 0);
         ASSERT_EQ(tm_.Init(&camera_), 0);
     }
 
@@ -52,6 +55,7 @@ protected:
         return 0;
     }
 
+    camctl_test::TempDir dir_;
     CIpCamera camera_;
     CTimeManager tm_;
 };
