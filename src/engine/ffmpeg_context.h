@@ -65,7 +65,7 @@ struct FFMpegContext {
     int64_t m_nTimeBaseDen = 0;
     int64_t m_nTimeBaseNum = 1;
     int32_t m_nVideoIndex = 0;
-    int32_t m_nAudioIndex = -1;
+    std::atomic<int32_t> m_nAudioIndex{-1};  // changes on the reader thread (private HTTP audio)
     std::atomic<int64_t> m_nSeekTarget{0};
     std::atomic<int64_t> m_nLastVideoPts{0};
     std::atomic<int32_t> m_bReadEnd{0};
