@@ -247,12 +247,16 @@ TEST_F(RtspTest, SmoothStream_WithoutReleasesOnePicturePerSecond) {
 }
 
 TEST_F(RtspTest, OpenCloseCycles_LeaveNoThreadBehind) {
-    auto server = Start({{"/h264", RtspServer::H264(160, 120, 25, 25)}});
+    auto server = Start({{"/h264", RtspServer::H264(160, 120, 25, 25)},
+                         {"/playback/1", RtspServer::H264(160, 120, 25, 25)}});
     ASSERT_TRUE(server->ok());
     const int threads = camctl_test::CountThreads();
     for (int i = 0; i < 5; ++i) {
         TestUrlSession s;
-        ASSERT_EQ(s.Open(server->Url("/h264"), i % 2), 0);
+        s.SetSmoothStream(i % 2);
+        ASSERT_EQ(s.Open(server->Url(i < 3 ? "/h264" : "/playback/1"), i % 2), 0);
+        // A playback source is never paced by the smooth-stream hand-over.
+        EXPECT_EQ(s.Context()->m_bSmooth, i < 3 ? i % 2 : 0);
         ASSERT_TRUE(s.log.WaitForCount(1, 5000));
         EXPECT_EQ(s.VideoFree(), 0);
     }
