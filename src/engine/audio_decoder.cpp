@@ -167,15 +167,23 @@ int ConvertToS16(uint8_t* buf, int bytes, AVSampleFormat fmt) {
     return count * 2;
 }
 
-// Milliseconds of a packet time stamp: the demuxer stream's time base when
-// there is one, milliseconds for the private HTTP source, else samples.
-int64_t PacketTimeMs(const FFMpegContext* ctx, const AVPacket* pkt, int rate) {
-    if (ctx->m_bHttpSource) return pkt->pts;
+// Time base of the demuxer's audio stream, read once when the thread starts
+// (the reader may grow the stream table while it reads); {0, 0} when the
+// packets do not come from a demuxer.
+AVRational AudioStreamTimeBase(const FFMpegContext* ctx) {
     const AVFormatContext* fmt = ctx->m_pFormatCtx.get();
-    if (fmt && pkt->stream_index >= 0 && static_cast<unsigned>(pkt->stream_index) < fmt->nb_streams) {
-        AVRational tb = fmt->streams[pkt->stream_index]->time_base;
-        if (tb.num > 0 && tb.den > 0) return av_rescale_q(pkt->pts, tb, AVRational{1, 1000});
-    }
+    const int index = ctx->m_nAudioIndex;
+    if (ctx->m_bHttpSource || !fmt || index < 0 || static_cast<unsigned>(index) >= fmt->nb_streams)
+        return AVRational{0, 0};
+    return fmt->streams[index]->time_base;
+}
+
+// Milliseconds of a packet time stamp: the private HTTP source sends
+// milliseconds; demuxed packets carry their stream's time base; without
+// one the time stamp counts samples.
+int64_t PacketTimeMs(const FFMpegContext* ctx, const AVPacket* pkt, AVRational tb, int rate) {
+    if (ctx->m_bHttpSource) return pkt->pts;
+    if (tb.num > 0 && tb.den > 0) return av_rescale_q(pkt->pts, tb, AVRational{1, 1000});
     return rate > 0 ? pkt->pts * 1000 / rate : pkt->pts;
 }
 
@@ -346,6 +354,7 @@ void* AudioDecodeThreadProc(void* arg) {
 
     const int codec_id = ctx->m_nAudioCodecId.load(std::memory_order_relaxed);
     AVCodecContext* codec_ctx = ctx->m_pAudioCodecCtx.get();
+    const AVRational stream_tb = AudioStreamTimeBase(ctx);
     std::vector<uint8_t> sample_buf(kSampleBufBytes);
     uint8_t* samples = sample_buf.data();
 
@@ -429,7 +438,7 @@ void* AudioDecodeThreadProc(void* arg) {
                        static_cast<uint64_t>(channels);
         }
         if (pkt->pts > 0 && pkt->pts != AV_NOPTS_VALUE) {
-            int64_t t = PacketTimeMs(ctx, pkt.get(), rate_in_use);
+            int64_t t = PacketTimeMs(ctx, pkt.get(), stream_tb, rate_in_use);
             if (t > 0) UpdateAudioClock(ctx, clock, static_cast<uint64_t>(t), block_ms);
         }
     }

@@ -110,6 +110,8 @@ int CopyExtradata(AVCodecParameters* par, const uint8_t* data, int size) {
     return 0;
 }
 
+// Time base of a demuxed packet's stream. Reader thread only (the reader
+// may grow the stream table in av_read_frame).
 AVRational SourceTimeBase(const FFMpegContext* ctx, int stream_index) {
     const AVFormatContext* in = ctx->m_pFormatCtx.get();
     if (in && stream_index >= 0 && static_cast<unsigned>(stream_index) < in->nb_streams)
@@ -117,6 +119,10 @@ AVRational SourceTimeBase(const FFMpegContext* ctx, int stream_index) {
     return AVRational{1, 1000};  // private HTTP frames carry milliseconds
 }
 
+// The packets are copied, not encoded: encoder settings (group of pictures,
+// B-frames, macroblock decision, the global-header flag) have no place in
+// the output stream's parameters and are not set. The time base is set on
+// the stream itself, which is what the AVI muxer writes as dwScale/dwRate.
 int AddVideoStream(FFMpegContext* ctx, AVFormatContext* oc) {
     const int codec_id = ctx->m_nVideoCodecId.load(std::memory_order_relaxed);
     const AVCodecContext* video = ctx->m_pVideoCodecCtx.get();
@@ -139,7 +145,8 @@ int AddVideoStream(FFMpegContext* ctx, AVFormatContext* oc) {
         camctl::BsfPtr bsf(raw);
         int ret = avcodec_parameters_from_context(bsf->par_in, video);
         if (ret < 0) return ret;
-        bsf->time_base_in = SourceTimeBase(ctx, ctx->m_nVideoIndex);
+        // Only the NAL framing changes; the filter passes time stamps through.
+        bsf->time_base_in = AVRational{1, 90000};
         if ((ret = av_bsf_init(bsf.get())) < 0) return ret;
         if ((ret = CopyExtradata(par, bsf->par_out->extradata, bsf->par_out->extradata_size)) < 0) return ret;
         ctx->m_pRecordBsf = std::move(bsf);
