@@ -1,0 +1,121 @@
+// camctl's longer runs, as child processes on 127.0.0.1: the demo a new user
+// starts first (headless, its recording and snapshots checked), RTSP
+// sources, and network failures that must end within the documented time
+// limits instead of hanging.
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/cli_support.h"
+#include "support/fixtures.h"
+#include "support/rtsp_server.h"
+
+namespace {
+
+using namespace camctl_test;
+
+std::vector<std::string> Camctl(std::vector<std::string> args) {
+    args.insert(args.begin(), std::string(CAMCTL_BINARY_DIR) + "/tools/camctl");
+    return args;
+}
+
+TEST(CamctlDemo, RunsHeadlessAndListsValidFiles) {
+    TempDir dir;
+    ChildProcess::Options o;
+    o.cwd = dir.path();  // the demo writes into ./camctl-demo
+    ChildProcess demo(Camctl({"demo"}), o);
+    ChildResult r = demo.Wait(60);
+    ASSERT_EQ(r.code, 0) << r.err << r.out;
+    EXPECT_TRUE(Contains(r.err, "headless")) << r.err;
+
+    const std::string avi = Field(r.out, "recording");
+    const std::string recording = dir / avi.substr(0, avi.find(" ("));
+    int seconds = -1;
+    EXPECT_TRUE(HasFinishedRecordingName(recording, 1, &seconds)) << recording;
+    EXPECT_GE(seconds, 9);
+    EXPECT_LE(seconds, 11);
+    EXPECT_TRUE(Contains(recording, "/camctl-demo/VMS/demo+")) << recording;
+    EXPECT_TRUE(HasAviIndex(recording));
+    EXPECT_EQ(ProbeSize(recording), "640x360");
+    EXPECT_NEAR(ProbeDuration(recording), 10.0, 1.5);
+    EXPECT_TRUE(Decodes(recording));
+
+    const std::string jpg = dir / Field(r.out, "motion snapshot");
+    EXPECT_TRUE(Contains(jpg, "/IMAGE/")) << "not a motion snapshot: " << jpg;
+    EXPECT_EQ(ProbeSize(jpg), "640x360");
+    EXPECT_TRUE(Decodes(jpg));
+
+    const BmpHeader bmp = ReadBmpHeader(dir / Field(r.out, "playback snapshot"));
+    EXPECT_TRUE(bmp.ok) << r.out;
+    EXPECT_EQ(bmp.width, 640);
+    EXPECT_EQ(bmp.height, 360);
+    EXPECT_EQ(bmp.bits, 24);
+    EXPECT_TRUE(Contains(Field(r.out, "debug log"), "trc_new.log")) << r.out;
+    // Every file of the run, and nothing else, is below ./camctl-demo.
+    EXPECT_EQ(ListFiles(dir.path()).size(), ListFiles(dir / "camctl-demo").size());
+}
+
+TEST(CamctlDemo, SilentServerFailsWithinTheTimeLimit) {
+    SilentServer silent;
+    ASSERT_GT(silent.port(), 0);
+    const std::string where = "127.0.0.1:" + std::to_string(silent.port());
+    ChildProcess http(Camctl({"probe", "http://" + where + "/stream"}), ChildProcess::Options());
+    ChildProcess rtsp(Camctl({"view", "rtsp://" + where + "/cam", "--headless"}), ChildProcess::Options());
+    // docs/CLI.md: an open gives up within 10 s; camctl's check adds at most 5 s.
+    for (ChildProcess* c : {&http, &rtsp}) {
+        ChildResult r = c->Wait(30);
+        EXPECT_EQ(r.code, 3) << r.err;
+        EXPECT_LT(r.seconds, 16.0);
+        // One line: the failure ('view' says first that it is opening).
+        const std::vector<std::string> lines = Lines(r.err);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_LE(lines.size(), 2u) << r.err;
+        EXPECT_TRUE(Contains(lines.back(), where + " accepted the connection but sent no stream")) << r.err;
+    }
+}
+
+class CamctlRtsp : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!RtspServer::Available()) GTEST_SKIP() << "GStreamer RTSP server (python3-gi) not installed";
+        server_ = std::make_unique<RtspServer>(std::vector<RtspServer::Mount>{
+            {"/cam", RtspServer::H264(320, 240, 25, 25, true)}});
+        ASSERT_TRUE(server_->ok()) << server_->Log();
+    }
+    std::unique_ptr<RtspServer> server_;
+};
+
+TEST_F(CamctlRtsp, ProbeHidesThePassword) {
+    ChildProcess probe(Camctl({"probe", server_->Url("/cam", "admin:secret"), "--seconds", "1"}),
+                       ChildProcess::Options());
+    ChildResult r = probe.Wait(40);
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(Field(r.out, "video"), "H.264");
+    EXPECT_EQ(Field(r.out, "size"), "320x240");
+    EXPECT_TRUE(Contains(Field(r.out, "audio"), "8000 Hz")) << r.out;
+    EXPECT_TRUE(Contains(Field(r.out, "source"), "admin:***@127.0.0.1")) << r.out;
+    EXPECT_FALSE(Contains(r.out + r.err, "secret"));
+}
+
+TEST_F(CamctlRtsp, RecordEndsWhenTheCameraFreezes) {
+    TempDir dir;
+    ChildProcess rec(Camctl({"record", server_->Url("/cam"), "--out", dir.path()}), ChildProcess::Options());
+    ASSERT_TRUE(rec.WaitForText("recording 00:02", 30)) << rec.Err();
+    server_->Freeze();
+    // The library's reads give up after 5 s; the file is finished first.
+    ChildResult r = rec.Wait(20);
+    server_->Thaw();
+    EXPECT_EQ(r.code, 4) << r.err;
+    EXPECT_TRUE(Contains(r.err, "the stream stopped")) << r.err;
+    std::vector<std::string> files = ListFiles(dir.path());
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_TRUE(HasFinishedRecordingName(files[0], 1)) << files[0];
+    EXPECT_TRUE(HasAviIndex(files[0]));
+    EXPECT_EQ(ProbeSize(files[0]), "320x240");
+}
+
+}  // namespace

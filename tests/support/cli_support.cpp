@@ -1,0 +1,226 @@
+#include "support/cli_support.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace camctl_test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double Since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& command, const Options& o) {
+    std::vector<std::string> argv = o.prefix;
+    argv.insert(argv.end(), command.begin(), command.end());
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) {
+        if (strncmp(*e, "DISPLAY=", 8) == 0) continue;
+        env.push_back(*e);
+    }
+    if (o.display) env.push_back(std::string("DISPLAY=") + o.display);
+    std::vector<char*> cargv, cenv;
+    for (std::string& a : argv) cargv.push_back(a.data());
+    cargv.push_back(nullptr);
+    for (std::string& e : env) cenv.push_back(e.data());
+    cenv.push_back(nullptr);
+    const std::string out = dir_ / "stdout", err = dir_ / "stderr";
+    start_ = Clock::now();
+    pid_ = fork();
+    if (pid_ == 0) {
+        int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int fi = open("/dev/null", O_RDONLY);
+        if (fo < 0 || fe < 0 || fi < 0) _exit(126);
+        dup2(fi, 0);
+        dup2(fo, 1);
+        dup2(fe, 2);
+        if (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0) _exit(126);
+        execvpe(cargv[0], cargv.data(), cenv.data());
+        _exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0 && !done_) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+std::string ChildProcess::Out() const { return ReadText(dir_ / "stdout"); }
+std::string ChildProcess::Err() const { return ReadText(dir_ / "stderr"); }
+
+void ChildProcess::Signal(int sig) {
+    if (pid_ > 0 && !done_) kill(pid_, sig);
+}
+
+bool ChildProcess::Reap(bool block) {
+    if (done_ || pid_ <= 0) return true;
+    if (waitpid(pid_, &status_, block ? 0 : WNOHANG) == pid_) done_ = true;
+    return done_;
+}
+
+bool ChildProcess::WaitForText(const std::string& text, double seconds) {
+    const auto start = Clock::now();
+    while (Since(start) < seconds) {
+        if (Contains(Out(), text) || Contains(Err(), text)) return true;
+        if (Reap(false)) return Contains(Out(), text) || Contains(Err(), text);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+ChildResult ChildProcess::Wait(double seconds) {
+    ChildResult r;
+    const auto start = Clock::now();
+    while (!Reap(false) && Since(start) < seconds) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    r.seconds = Since(start_);
+    if (!done_) {
+        kill(pid_, SIGKILL);
+        Reap(true);
+        r.code = -1;
+    } else if (WIFEXITED(status_)) {
+        r.code = WEXITSTATUS(status_);
+    } else if (WIFSIGNALED(status_)) {
+        r.code = 128 + WTERMSIG(status_);
+    }
+    r.out = Out();
+    r.err = Err();
+    return r;
+}
+
+SilentServer::SilentServer() {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0 || listen(fd_, 8) != 0)
+        return;
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] {
+        while (!stop_) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) continue;
+            int c = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c >= 0) held_.push_back(c);
+        }
+    });
+}
+
+SilentServer::~SilentServer() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+    for (int c : held_) close(c);
+    if (fd_ >= 0) close(fd_);
+}
+
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::stringstream s(text);
+    std::string line;
+    while (std::getline(s, line)) {
+        if (size_t cr = line.rfind('\r'); cr != std::string::npos) line = line.substr(cr + 1);
+        if (!line.empty()) lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string Field(const std::string& text, const std::string& key) {
+    for (const std::string& l : Lines(text))
+        if (l.rfind(key + ": ", 0) == 0) return l.substr(key.size() + 2);
+    return "";
+}
+
+bool Contains(const std::string& text, const std::string& what) { return text.find(what) != std::string::npos; }
+
+std::string ProbeSize(const std::string& file) {
+    std::string s = Ffprobe("-select_streams v:0 -show_entries stream=width,height -of csv=p=0:s=x", file);
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
+    return s;
+}
+
+double ProbeDuration(const std::string& file) {
+    std::string s = Ffprobe("-show_entries format=duration -of csv=p=0", file);
+    return s.empty() ? -1 : atof(s.c_str());
+}
+
+bool Decodes(const std::string& file) {
+    std::string out;
+    return RunCommand("ffmpeg -nostdin -v error -xerror -i '" + file + "' -f null - 2>&1", &out) == 0 && out.empty();
+}
+
+BmpHeader ReadBmpHeader(const std::string& path) {
+    std::vector<unsigned char> b = ReadFileBytes(path);
+    BmpHeader h;
+    if (b.size() < 54 || b[0] != 'B' || b[1] != 'M') return h;
+    auto i32 = [&](size_t o) {
+        return static_cast<int32_t>(b[o] | b[o + 1] << 8 | b[o + 2] << 16 | static_cast<uint32_t>(b[o + 3]) << 24);
+    };
+    h.width = i32(18);
+    h.height = i32(22);
+    h.bits = b[28] | b[29] << 8;
+    h.ok = static_cast<long long>(b.size()) == i32(2);
+    return h;
+}
+
+namespace {
+
+bool AllDigits(const std::string& s) {
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+}  // namespace
+
+bool HasFinishedRecordingName(const std::string& path, int reason, int* seconds) {
+    // <name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi
+    const std::string name = path.substr(path.rfind('/') + 1);
+    if (name.size() < 4 || name.compare(name.size() - 4, 4, ".avi") != 0) return false;
+    std::vector<std::string> parts;
+    std::stringstream stem(name.substr(0, name.size() - 4));
+    for (std::string part; std::getline(stem, part, '_');) parts.push_back(part);
+    if (parts.size() < 4) return false;
+    const std::string& camera = parts[parts.size() - 4];
+    const std::string& when = parts[parts.size() - 3];
+    const size_t plus = camera.rfind('+');
+    if (plus == std::string::npos || !AllDigits(camera.substr(plus + 1))) return false;
+    if (when.size() != 15 || when[8] != '-' || !AllDigits(when.substr(0, 8)) || !AllDigits(when.substr(9)))
+        return false;
+    if (parts[parts.size() - 2] != std::to_string(reason) || !AllDigits(parts.back())) return false;
+    if (seconds) *seconds = std::stoi(parts.back());
+    return true;
+}
+
+bool HasAviIndex(const std::string& path) {
+    std::vector<unsigned char> b = ReadFileBytes(path);
+    static const char kTag[] = "idx1";
+    return std::search(b.begin(), b.end(), kTag, kTag + 4) != b.end();
+}
+
+}  // namespace camctl_test

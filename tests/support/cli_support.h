@@ -1,0 +1,102 @@
+// Test support for the command-line tools: a child process with its stdout
+// and stderr captured in files, a server that accepts and never answers,
+// and checks of the files the tools write.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/fixtures.h"
+
+namespace camctl_test {
+
+struct ChildResult {
+    int code = -1;  // exit code; 128 + n for signal n; -1 when killed for taking too long
+    double seconds = 0;
+    std::string out;
+    std::string err;
+};
+
+class ChildProcess {
+public:
+    struct Options {
+        const char* display = nullptr;    // DISPLAY for the child; null: none
+        std::string cwd;                  // working folder; empty: ours
+        std::vector<std::string> prefix;  // run through this (e.g. setpriv ...)
+    };
+
+    // Starts argv[0] (looked up in PATH when it has no '/') with argv.
+    ChildProcess(const std::vector<std::string>& argv, const Options& options);
+    ~ChildProcess();  // kills a child still running
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    std::string Out() const;
+    std::string Err() const;
+    void Signal(int sig);
+    // True once stdout or stderr contains text; false after `seconds` or
+    // when the child ended without printing it.
+    bool WaitForText(const std::string& text, double seconds);
+    // Waits for the end; kills the child after `seconds` (code -1).
+    ChildResult Wait(double seconds);
+
+private:
+    bool Reap(bool block);
+
+    TempDir dir_;
+    pid_t pid_ = -1;
+    bool done_ = false;
+    int status_ = 0;
+    std::chrono::steady_clock::time_point start_;
+};
+
+// Listens on 127.0.0.1, accepts every connection and never sends a byte.
+class SilentServer {
+public:
+    SilentServer();
+    ~SilentServer();
+    SilentServer(const SilentServer&) = delete;
+    SilentServer& operator=(const SilentServer&) = delete;
+    int port() const { return port_; }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::vector<int> held_;  // the accept thread's, until joined
+    std::thread thread_;
+};
+
+std::string ReadText(const std::string& path);
+// Non-empty lines; of a line rewritten with carriage returns, the last text.
+std::vector<std::string> Lines(const std::string& text);
+// The text after "key: " on the first line starting with it; "" when none.
+std::string Field(const std::string& text, const std::string& key);
+bool Contains(const std::string& text, const std::string& what);
+
+// "WxH" of the first video stream or picture; "" when ffprobe fails.
+std::string ProbeSize(const std::string& file);
+// Container duration in seconds; -1 when ffprobe fails.
+double ProbeDuration(const std::string& file);
+// Decodes the whole file; true when ffmpeg reports no error at all.
+bool Decodes(const std::string& file);
+
+struct BmpHeader {
+    bool ok = false;  // "BM" and a file size that matches the header
+    int width = 0;
+    int height = 0;
+    int bits = 0;
+};
+BmpHeader ReadBmpHeader(const std::string& path);
+
+// A finished camera recording: "<name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi".
+bool HasFinishedRecordingName(const std::string& path, int reason, int* seconds = nullptr);
+// The AVI index chunk, which is written with the trailer when the file is closed.
+bool HasAviIndex(const std::string& path);
+
+}  // namespace camctl_test
