@@ -41,9 +41,10 @@ int RunSnapshot(const Args& args) {
     cam->SaveImage(1, count);
 
     // One snapshot now, then one a second, each written from the next
-    // picture; allow a few seconds beyond that for a slow stream.
+    // picture; allow 10 s beyond that for a slow stream.
     const auto start = Clock::now();
-    const double limit = count + 5.0;
+    const long long pictures_before = live.Pictures();
+    const double limit = count + 10.0;
     std::vector<std::string> printed;
     long long last_size = -1;
     while (static_cast<int>(printed.size()) < count) {
@@ -51,7 +52,8 @@ int RunSnapshot(const Args& args) {
         if (SecondsSince(start) > limit)
             Fail(kExitStream, source.display + ": only " + std::to_string(printed.size()) + " of " +
                                   std::to_string(count) + " snapshots were written in " +
-                                  std::to_string(static_cast<int>(limit)) + " s");
+                                  std::to_string(static_cast<int>(limit)) + " s (" +
+                                  std::to_string(live.Pictures() - pictures_before) + " pictures came meanwhile)");
         if (live.StreamEnded() && printed.empty())
             Fail(kExitStream, source.display + ": the stream stopped before a snapshot was written");
         SleepFor(50);
