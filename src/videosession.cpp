@@ -63,11 +63,16 @@ int CVideoSession::VideoInit(void* owner, const char* url) {
         options.decode = 1;
         options.throttleRead = 1;
     }
+    // The owner is in place before the threads start: the first pictures
+    // reach it, and the threads never see the field change under them.
+    m_pOwner = owner;
     FFMpegContext* ctx = FFMpegContextCreateEx(static_cast<IFrameListener*>(this), url, m_bD3DDisplay,
                                                &CVideoSession::FrameWait, m_nSmoothStream, options);
-    if (!ctx) return -1;
+    if (!ctx) {
+        m_pOwner = nullptr;
+        return -1;
+    }
     m_pContext = ctx;
-    m_pOwner = owner;
     m_bOpen = 1;
     return 0;
 }

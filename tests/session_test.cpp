@@ -289,9 +289,12 @@ TEST(SessionTest, OpenCloseCycles_LeaveNoThreadOrDescriptorBehind) {
 TEST(SessionTest, Destructor_ClosesAStreamLeftOpen) {
     const int threads = camctl_test::CountThreads();
     {
-        TestFileSession s;
-        ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
-        ASSERT_TRUE(s.log.WaitForCount(1, 3000));
+        // A plain session with no owner: a derived listener would already be
+        // gone while the base destructor closes the stream.
+        CFileVideoSession s;
+        ASSERT_EQ(s.VideoInit(nullptr, LongAviClip().c_str()), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_GT(camctl_test::CountThreads(), threads);
     }
     EXPECT_EQ(camctl_test::CountThreads(), threads);
 }
