@@ -355,6 +355,9 @@ void* AudioDecodeThreadProc(void* arg) {
     const int codec_id = ctx->m_nAudioCodecId.load(std::memory_order_relaxed);
     AVCodecContext* codec_ctx = ctx->m_pAudioCodecCtx.get();
     const AVRational stream_tb = AudioStreamTimeBase(ctx);
+    // Fixed for the thread's life: a new audio stream (private HTTP source)
+    // restarts the thread through OpenAudioDecoder.
+    const int audio_index = ctx->m_nAudioIndex;
     std::vector<uint8_t> sample_buf(kSampleBufBytes);
     uint8_t* samples = sample_buf.data();
 
@@ -395,7 +398,7 @@ void* AudioDecodeThreadProc(void* arg) {
         ctx->m_bAudioClock.store(1, std::memory_order_relaxed);
         const bool decode = ctx->m_bDecode.load(std::memory_order_relaxed) != 0;
         if (!decode || pkt->size <= 0) continue;
-        if (ctx->m_nAudioIndex < 0 || pkt->stream_index != ctx->m_nAudioIndex) continue;
+        if (audio_index < 0 || pkt->stream_index != audio_index) continue;
 
         int bytes = kDecodeBytes;
         int channels = 1;
