@@ -47,6 +47,9 @@ struct Cost {
 // each picture, as any consumer would).
 class CountingSession : public CFileVideoSession {
 public:
+    // Closed here, while this class's DoVideoBuffer still stands: the
+    // base destructor would leave the engine calling the owner forwarding.
+    ~CountingSession() override { VideoFree(); }
     int DoVideoBuffer(unsigned char* buf, int, int) override {
         std::lock_guard<std::mutex> lock(mu_);
         checksum_ += buf[0];

@@ -20,6 +20,9 @@ namespace {
 
 class TestUrlSession : public CUrlVideoSession {
 public:
+    // Closed here, while this class's DoVideoBuffer still stands: the
+    // base destructor would leave the engine calling the owner forwarding.
+    ~TestUrlSession() override { VideoFree(); }
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, yuv);
         return 0;
@@ -154,6 +157,7 @@ TEST(HttpSessionTest, OpenCloseCycles_LeaveNoThreadBehind) {
         ASSERT_EQ(warm.Open(server.Url(), 0), 0);
         warm.VideoFree();
     }
+    ASSERT_TRUE(PictureLog::WaitUntil([&] { return server.ActiveClients() == 0; }, 2000));
     const int threads = camctl_test::CountThreads();
     for (int i = 0; i < 20; ++i) {
         TestUrlSession s;
@@ -164,6 +168,7 @@ TEST(HttpSessionTest, OpenCloseCycles_LeaveNoThreadBehind) {
         ASSERT_EQ(s.VideoFree(), 0);
     }
     // The simulator's per-client threads end with their connections.
+    EXPECT_TRUE(PictureLog::WaitUntil([&] { return server.ActiveClients() == 0; }, 2000));
     EXPECT_TRUE(PictureLog::WaitUntil([&] { return camctl_test::CountThreads() == threads; }, 2000))
         << camctl_test::CountThreads() << " vs " << threads;
 }

@@ -24,6 +24,9 @@ namespace {
 
 class TestUrlSession : public CUrlVideoSession {
 public:
+    // Closed here, while this class's DoVideoBuffer still stands: the
+    // base destructor would leave the engine calling the owner forwarding.
+    ~TestUrlSession() override { VideoFree(); }
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, yuv);
         return 0;

@@ -26,7 +26,11 @@ struct os_mutex;
 class CVideoSession : public IFrameListener {
 public:
     CVideoSession();
-    virtual ~CVideoSession();  // does not close an open stream: call VideoFree first
+    // Owners call VideoFree first. A stream still open is closed here (and
+    // by the derived sessions' destructors); a class deriving further that
+    // overrides the frame slots must call VideoFree in its own destructor,
+    // since the engine keeps calling the slots until the stream is closed.
+    virtual ~CVideoSession();
 
     // A session owns engine threads and handles; copies would share them.
     CVideoSession(const CVideoSession&) = delete;
