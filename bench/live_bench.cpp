@@ -144,6 +144,9 @@ public:
         pictures.fetch_add(1, std::memory_order_release);
         return 0;
     }
+    // Not forwarded to a camera: this session has none.
+    int DoAudioBuffer(unsigned short*, int, int) override { return 0; }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
     std::atomic<int> pictures{0};
     Clock::time_point firstPicture;  // written before the first count is published
 

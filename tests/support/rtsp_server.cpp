@@ -40,13 +40,13 @@ bool RtspServer::Available() {
     return available;
 }
 
-RtspServer::RtspServer(const std::vector<Mount>& mounts) {
+RtspServer::RtspServer(const std::vector<Mount>& mounts, int port) {
     char tmpl[] = "/tmp/camctl-rtsp-XXXXXX";
     if (!mkdtemp(tmpl)) return;
     dir_ = tmpl;
     const std::string portFile = dir_ + "/port";
     std::string cmd = "echo $$ > " + dir_ + "/pid; exec " + kPython + " " + CAMCTL_SOURCE_DIR +
-                      "/tests/support/rtsp_server.py --port-file " + portFile;
+                      "/tests/support/rtsp_server.py --port " + std::to_string(port) + " --port-file " + portFile;
     for (const Mount& m : mounts) cmd += " --mount " + Quote(m.path) + " " + Quote(m.launch);
     cmd += " >" + dir_ + "/log 2>&1";
 

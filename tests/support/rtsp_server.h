@@ -16,8 +16,9 @@ public:
         std::string launch;  // a bin whose payloaders are named pay0, pay1, ...
     };
 
-    // Starts the server and waits (at most 15 s) until it listens.
-    explicit RtspServer(const std::vector<Mount>& mounts);
+    // Starts the server and waits (at most 15 s) until it listens, on port
+    // (0: any free port; a fixed one restarts a killed server at its address).
+    explicit RtspServer(const std::vector<Mount>& mounts, int port = 0);
     ~RtspServer();  // kills the server
     RtspServer(const RtspServer&) = delete;
     RtspServer& operator=(const RtspServer&) = delete;

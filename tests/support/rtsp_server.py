@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""RTSP test server bound to 127.0.0.1 on a free port.
+"""RTSP test server bound to 127.0.0.1 on a free port (or --port).
 
 Serves one GStreamer launch line per mount point and writes the bound port
 to --port-file once it accepts connections. Runs until killed.
@@ -20,13 +20,14 @@ from gi.repository import GLib, Gst, GstRtspServer  # noqa: E402
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--port-file", required=True)
+    parser.add_argument("--port", type=int, default=0, help="0: any free port")
     parser.add_argument("--mount", nargs=2, action="append", default=[], metavar=("PATH", "LAUNCH"))
     args = parser.parse_args()
 
     Gst.init(None)
     server = GstRtspServer.RTSPServer()
     server.set_address("127.0.0.1")
-    server.set_service("0")  # any free port
+    server.set_service(str(args.port))  # 0: any free port
     mounts = server.get_mount_points()
     for path, launch in args.mount:
         factory = GstRtspServer.RTSPMediaFactory()
