@@ -130,6 +130,8 @@ const std::string& Clip720p() {
 class LiveSession : public CUrlVideoSession {
 public:
     explicit LiveSession(bool motion) : motion_(motion) {}
+    // Closed while this class's slots still stand.
+    ~LiveSession() override { VideoFree(); }
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         if (pictures.load(std::memory_order_relaxed) == 0) firstPicture = Clock::now();
         if (motion_) {

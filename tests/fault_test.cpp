@@ -42,6 +42,9 @@ constexpr int kCloseBudgetMs = 1000;
 // A live session as a host would hold it, logging pictures and audio rates.
 class LiveSession : public CUrlVideoSession {
 public:
+    // Closed while this class's slots still stand (the engine calls them
+    // until the stream is closed).
+    ~LiveSession() override { VideoFree(); }
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
         return 0;
@@ -78,6 +81,7 @@ private:
 
 class FileSession : public CFileVideoSession {
 public:
+    ~FileSession() override { VideoFree(); }
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
         return 0;
