@@ -3,6 +3,7 @@
 // resolution, a camera that goes away, credentials in log lines.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -23,6 +24,16 @@ public:
     // Closed here, while this class's DoVideoBuffer still stands: the
     // base destructor would leave the engine calling the owner forwarding.
     ~TestUrlSession() override { VideoFree(); }
+    // Every slot is taken here: the owner given to VideoInit is this
+    // session, not a camera or player the base slots could forward to.
+    int DoAudioBuffer(unsigned short*, int count, int rate) override {
+        audioSamples += count;
+        audioRate = rate;
+        return 0;
+    }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+    std::atomic<long> audioSamples{0};
+    std::atomic<int> audioRate{0};
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, yuv);
         return 0;

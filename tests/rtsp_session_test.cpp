@@ -27,6 +27,16 @@ public:
     // Closed here, while this class's DoVideoBuffer still stands: the
     // base destructor would leave the engine calling the owner forwarding.
     ~TestUrlSession() override { VideoFree(); }
+    // Every slot is taken here: the owner given to VideoInit is this
+    // session, not a camera or player the base slots could forward to.
+    int DoAudioBuffer(unsigned short*, int count, int rate) override {
+        audioSamples += count;
+        audioRate = rate;
+        return 0;
+    }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+    std::atomic<long> audioSamples{0};
+    std::atomic<int> audioRate{0};
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, yuv);
         return 0;
@@ -93,6 +103,11 @@ TEST_P(RtspCodecTest, BothLayoutsDeliverPicturesOfTheStreamSize) {
     EXPECT_EQ(y.width, c.width);
     EXPECT_EQ(y.bytes.size(), size_t(c.width) * c.height * 3 / 2);
     EXPECT_FALSE(bgr.IsPlayFinish());
+    if (c.codecNumber == 0) {  // the H.264 stream carries G.711 mu-law audio too
+        EXPECT_EQ(bgr.Context()->m_nAudioCodecId, AV_CODEC_ID_PCM_MULAW);
+        EXPECT_TRUE(PictureLog::WaitUntil([&] { return bgr.audioSamples > 4000; }, 3000));
+        EXPECT_EQ(bgr.audioRate, 8000);
+    }
     EXPECT_EQ(bgr.VideoFree(), 0);
     EXPECT_EQ(yuv.VideoFree(), 0);
 }

@@ -2,6 +2,7 @@
 // position, end of file, smooth-stream pacing and open/close cycles.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -40,6 +41,16 @@ public:
     // Closed here, while this class's DoVideoBuffer still stands: the
     // base destructor would leave the engine calling the owner forwarding.
     ~TestFileSession() override { VideoFree(); }
+    // Every slot is taken here: the owner given to VideoInit is this
+    // session, not a camera or player the base slots could forward to.
+    int DoAudioBuffer(unsigned short*, int count, int rate) override {
+        audioSamples += count;
+        audioRate = rate;
+        return 0;
+    }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+    std::atomic<long> audioSamples{0};
+    std::atomic<int> audioRate{0};
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
         return 0;
@@ -53,6 +64,16 @@ public:
     // Closed here, while this class's DoVideoBuffer still stands: the
     // base destructor would leave the engine calling the owner forwarding.
     ~TestUrlSession() override { VideoFree(); }
+    // Every slot is taken here: the owner given to VideoInit is this
+    // session, not a camera or player the base slots could forward to.
+    int DoAudioBuffer(unsigned short*, int count, int rate) override {
+        audioSamples += count;
+        audioRate = rate;
+        return 0;
+    }
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+    std::atomic<long> audioSamples{0};
+    std::atomic<int> audioRate{0};
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
         return 0;
