@@ -80,7 +80,10 @@ int CVideoSession::VideoInit(void* owner, const char* url) {
 int CVideoSession::VideoFree() {
     if (!m_bOpen) return -1;
     m_bOpen = 0;
-    os_cond_signal(m_hFrameSignal);  // wake a decode thread waiting for its release
+    // Stop the threads first, then wake a decode thread waiting for its
+    // release: woken after the flag is down, it cannot start another wait.
+    m_pContext->m_bRunning = 0;
+    os_cond_signal(m_hFrameSignal);
     // The threads are gone once the context is closed; only then are the
     // fields they read cleared.
     FFMpegContextDestroy(m_pContext);
