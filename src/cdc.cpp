@@ -99,6 +99,7 @@ struct CWindowDC::Impl {
     DisplayPtr display;
     Window window = 0;
     bool ownsWindow = false;
+    Colormap colormap = 0;  // of a window we created; lives as long as it
     GC gc = nullptr;
     Visual* visual = nullptr;
     int depth = 0;
@@ -112,6 +113,7 @@ struct CWindowDC::Impl {
         image.reset();
         if (gc) XFreeGC(display.get(), gc);
         if (ownsWindow && window) XDestroyWindow(display.get(), window);
+        if (colormap) XFreeColormap(display.get(), colormap);
         XSync(display.get(), False);
     }
 
@@ -184,6 +186,9 @@ std::unique_ptr<CWindowDC> CWindowDC::Create(int width, int height, const char* 
         return nullptr;
     XSetWindowAttributes swa{};
     swa.colormap = XCreateColormap(d, RootWindow(d, screen), vinfo.visual, AllocNone);
+    // Freeing a window's colormap would leave the window without one: it is
+    // freed after the window, on every path.
+    im.colormap = swa.colormap;
     swa.background_pixel = 0;
     swa.border_pixel = 0;
     swa.event_mask = StructureNotifyMask;
@@ -211,7 +216,6 @@ std::unique_ptr<CWindowDC> CWindowDC::Create(int width, int height, const char* 
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
-    XFreeColormap(d, swa.colormap);  // the window keeps its own reference
     if (!im.Allocate(width, height)) return nullptr;
     dc->m_nWidth = im.width;
     dc->m_nHeight = im.height;

@@ -152,32 +152,47 @@ void CIpCamera::SetSmoothStream(int n) {
 }
 
 void CIpCamera::SetVideoBufCallBack(VideoBufCallBack fn, void* user) {
-    m_pVideoUser.store(user, std::memory_order_relaxed);
-    m_pfnVideoCallBack.store(fn, std::memory_order_release);
+    std::lock_guard<std::mutex> lock(m_CallbackLock);
+    m_pfnVideoCallBack = fn;
+    m_pVideoUser = user;
 }
 
 void CIpCamera::SetAudioBufCallBack(AudioBufCallBack fn, void* user) {
-    m_pAudioUser.store(user, std::memory_order_relaxed);
-    m_pfnAudioCallBack.store(fn, std::memory_order_release);
+    std::lock_guard<std::mutex> lock(m_CallbackLock);
+    m_pfnAudioCallBack = fn;
+    m_pAudioUser = user;
 }
 
 // ---------------------------------------------------------------------------
 // Streams
 
-int CIpCamera::OpenMainStreamVideo(const char* url) {
-    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo url:%s  start yuv:%d... ",
-            GetId(), m_szName, url ? url : "", m_bYuvDisplay.load() ? 1 : 0);
-    m_TimeManager.Reset();
+void CIpCamera::BeginMainChange() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
     StopSaveAvi(7);
+    m_bMainBusy = true;
+}
+
+void CIpCamera::EndMainChange(const char* openedUrl) {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    if (openedUrl) BoundedPrint(m_szMainUrl, sizeof m_szMainUrl, "%s", openedUrl);
+    m_bMainBusy = false;
+}
+
+// Closing and opening run outside the camera lock: closing waits for the
+// stream's decoding thread, which may itself be waiting for that lock.
+int CIpCamera::OpenMainStreamVideo(const char* url) {
+    const bool yuv = m_bYuvDisplay.load();
+    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo url:%s  start yuv:%d... ",
+            GetId(), m_szName, url ? url : "", yuv ? 1 : 0);
+    m_TimeManager.Reset();
+    BeginMainChange();
     m_MainVideoSession.VideoFree();
-    StopSaveAvi(7);  // a motion recording a last picture may have started
-    m_MainVideoSession.SetD3DDisplay(m_bYuvDisplay.load() ? 1 : 0);
+    m_bMainYuv.store(yuv);
+    m_MainVideoSession.SetD3DDisplay(yuv ? 1 : 0);
     m_MainVideoSession.SetSmoothStream(m_nSmoothStream.load());
-    if (url && m_MainVideoSession.VideoInit(this, url) == 0) {
-        {
-            std::lock_guard<std::recursive_mutex> lock(m_hLock);
-            BoundedPrint(m_szMainUrl, sizeof m_szMainUrl, "%s", url);
-        }
+    const bool opened = url && m_MainVideoSession.VideoInit(this, url) == 0;
+    EndMainChange(opened ? url : nullptr);
+    if (opened) {
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo end suc context:0x%llx... ",
                 GetId(), m_szName, ContextAddr(&m_MainVideoSession));
         return 0;
@@ -188,6 +203,7 @@ int CIpCamera::OpenMainStreamVideo(const char* url) {
 }
 
 int CIpCamera::OpenSubStreamVideo(const char* url) {
+    const bool yuv = m_bYuvDisplay.load();
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo url:%s start ... ", GetId(),
             m_szName, url ? url : "");
     bool usable = false;
@@ -207,16 +223,20 @@ int CIpCamera::OpenSubStreamVideo(const char* url) {
     }
     CloseSubStreamVideo();
     auto session = std::make_unique<CUrlVideoSession>();
-    session->SetD3DDisplay(m_bYuvDisplay.load() ? 1 : 0);
+    m_bSubYuv.store(yuv);
+    session->SetD3DDisplay(yuv ? 1 : 0);
     session->SetSmoothStream(m_nSmoothStream.load());
     if (session->VideoInit(this, url) == 0) {
+        const unsigned long long ctx = ContextAddr(session.get());
+        std::unique_ptr<CUrlVideoSession> replaced;  // one another thread opened meanwhile
         {
             std::lock_guard<std::recursive_mutex> lock(m_hLock);
             BoundedPrint(m_szSubUrl, sizeof m_szSubUrl, "%s", url);
+            replaced = std::move(m_pSeparateSubSession);
+            m_pSubVideoSession.store(session.get());
+            m_pSeparateSubSession = std::move(session);
         }
-        const unsigned long long ctx = ContextAddr(session.get());
-        m_pSubVideoSession.store(session.get());
-        m_pSeparateSubSession = std::move(session);
+        if (replaced) replaced->VideoFree();
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo end suc ... Context:0x%llx",
                 GetId(), m_szName, ctx);
         return 0;
@@ -232,10 +252,10 @@ int CIpCamera::CloseMainStreamVideo() {
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  CloseMainStreamVideo start ... ", GetId(),
             m_szName);
     // A recording in progress is finished and renamed while its length is
-    // still known; the second stop catches one a last picture started.
-    StopSaveAvi(7);
+    // still known.
+    BeginMainChange();
     m_MainVideoSession.VideoFree();
-    StopSaveAvi(7);
+    EndMainChange(nullptr);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  CloseMainStreamVideo end 222222222222222222 ... ",
             GetId(), m_szName);
     {
@@ -244,7 +264,10 @@ int CIpCamera::CloseMainStreamVideo() {
     }
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  CloseMainStreamVideo end ... ", GetId(),
             m_szName);
-    m_pfnVideoCallBack.store(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(m_CallbackLock);
+        m_pfnVideoCallBack = nullptr;
+    }
     m_nWidth.store(0);
     m_nHeight.store(0);
     return 0;
@@ -253,14 +276,19 @@ int CIpCamera::CloseMainStreamVideo() {
 int CIpCamera::CloseSubStreamVideo() {
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) CloseSubStreamVideo start ... ", GetId(),
             m_szName);
-    if (!HasSubStream()) {
+    std::unique_ptr<CUrlVideoSession> sub;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_hLock);
+        sub = std::move(m_pSeparateSubSession);
+        m_pSubVideoSession.store(&m_MainVideoSession);
+    }
+    if (!sub) {
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) CloseSubStreamVideo break ... ", GetId(),
                 m_szName);
         return 0;
     }
-    m_pSubVideoSession.store(&m_MainVideoSession);
-    m_pSeparateSubSession->VideoFree();
-    m_pSeparateSubSession.reset();
+    sub->VideoFree();
+    sub.reset();
     {
         std::lock_guard<std::mutex> lock(m_MotionLock);
         m_MotionDetector.Free();
@@ -277,7 +305,8 @@ bool CIpCamera::HasSubStream() const {
 }
 
 int CIpCamera::SetDecodeEnable(bool bMain, bool bEnable) {
-    if (!m_MainVideoSession.IsOpen()) return -1;
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    if (m_bMainBusy || !m_MainVideoSession.IsOpen()) return -1;
     CUrlVideoSession* sub = m_pSubVideoSession.load();
     if (!bMain && sub != &m_MainVideoSession) {
         if (bEnable) {
@@ -299,27 +328,61 @@ int CIpCamera::SetDecodeEnable(bool bMain, bool bEnable) {
 
 void CIpCamera::SendVideoCond() {
     if (m_nSmoothStream.load() == 0) return;
-    m_MainVideoSession.SendVideoCond();
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    if (!m_bMainBusy) m_MainVideoSession.SendVideoCond();
     CUrlVideoSession* sub = m_pSubVideoSession.load();
     if (sub != &m_MainVideoSession) sub->SendVideoCond();
 }
 
-int CIpCamera::GetMainVideoCodec() { return m_MainVideoSession.GetVideoCodec(); }
+// The queries below read the sessions' media contexts: under the camera
+// lock, and not while the main stream is being closed or opened (they then
+// answer as a closed session does).
+int CIpCamera::GetMainVideoCodec() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return m_bMainBusy ? -1 : m_MainVideoSession.GetVideoCodec();
+}
 bool CIpCamera::IsMainVideoOpenSuc() { return m_MainVideoSession.IsOpen(); }
-bool CIpCamera::IsMainVideoFinish() { return m_MainVideoSession.IsPlayFinish(); }
-bool CIpCamera::IsSubVideoOpenSuc() { return m_pSubVideoSession.load()->IsOpen(); }
-bool CIpCamera::IsSubVideoFinish() { return m_pSubVideoSession.load()->IsPlayFinish(); }
-int CIpCamera::getFrameRate() { return m_MainVideoSession.GetNetFrameRate(); }
-int CIpCamera::getFramesCount() { return m_MainVideoSession.GetFramesCount(); }
-float CIpCamera::getNetRate() { return m_MainVideoSession.GetNetRateInfo(); }
+bool CIpCamera::IsMainVideoFinish() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return !m_bMainBusy && m_MainVideoSession.IsPlayFinish();
+}
+bool CIpCamera::IsSubVideoOpenSuc() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return m_pSubVideoSession.load()->IsOpen();
+}
+bool CIpCamera::IsSubVideoFinish() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    CUrlVideoSession* sub = m_pSubVideoSession.load();
+    if (sub == &m_MainVideoSession && m_bMainBusy) return false;
+    return sub->IsPlayFinish();
+}
+int CIpCamera::getFrameRate() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return m_bMainBusy ? -1 : m_MainVideoSession.GetNetFrameRate();
+}
+int CIpCamera::getFramesCount() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return m_bMainBusy ? -1 : m_MainVideoSession.GetFramesCount();
+}
+float CIpCamera::getNetRate() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return m_bMainBusy ? -1.0f : m_MainVideoSession.GetNetRateInfo();
+}
 
 // ---------------------------------------------------------------------------
 // Display
 
 int CIpCamera::StartDisplay(CDC* dc, int w, int h) {
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartDisplay start ... ", GetId(), m_szName);
-    m_Displayer.Start(dc, w, h, m_MainVideoSession.GetVideoWidth(),
-                      m_MainVideoSession.GetVideoHeight(), m_bYuvDisplay.load() ? 1 : 0);
+    int width = -1, height = -1;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_hLock);
+        if (!m_bMainBusy) {
+            width = m_MainVideoSession.GetVideoWidth();
+            height = m_MainVideoSession.GetVideoHeight();
+        }
+    }
+    m_Displayer.Start(dc, w, h, width, height, m_bMainYuv.load() ? 1 : 0);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartDisplay end ... ", GetId(), m_szName);
     return 0;
 }
@@ -364,7 +427,7 @@ int CIpCamera::SetMotionDetectMap(unsigned char* map) {
 // rows reversed. Called with the motion lock held.
 int CIpCamera::ApplyDetectMap() {
     if (m_HostDetectMap.empty()) return 0;
-    if (m_bYuvDisplay.load()) return m_MotionDetector.SetDetectMap(m_HostDetectMap.data());
+    if (m_bMotionPlanar) return m_MotionDetector.SetDetectMap(m_HostDetectMap.data());
     constexpr int rows = CMotionDetector::kGridRows;
     std::vector<unsigned char> flipped(m_HostDetectMap.size());
     for (int c = 0; c < CMotionDetector::kGridColumns; ++c) {
@@ -396,8 +459,15 @@ int CIpCamera::NotifyMotionSave(int on) {
 // ---------------------------------------------------------------------------
 // Frame dispatch
 
-unsigned char* CIpCamera::MotionPicture(unsigned char* buf, int width, int height) {
-    if (!m_bYuvDisplay.load()) return buf;
+bool CIpCamera::IsPlanar(CVideoSession* session) const {
+    if (session == &m_MainVideoSession) return m_bMainYuv.load();
+    // Pictures handed in by anything but a session of this camera follow
+    // the camera's setting.
+    return session ? m_bSubYuv.load() : m_bYuvDisplay.load();
+}
+
+unsigned char* CIpCamera::MotionPicture(unsigned char* buf, int width, int height, bool planar) {
+    if (!planar) return buf;
     // The detector compares three bytes per pixel; a planar picture gives it
     // its luma, spread to three equal bytes (only while detection is on).
     if (!m_MotionDetector.GetDetectEnable()) return nullptr;
@@ -411,14 +481,18 @@ unsigned char* CIpCamera::MotionPicture(unsigned char* buf, int width, int heigh
     return m_MotionScratch.data();
 }
 
-void CIpCamera::RunMotionDetection(unsigned char* buf, int width, int height) {
+void CIpCamera::RunMotionDetection(unsigned char* buf, int width, int height, bool planar) {
     int r = 0;
     {
         std::lock_guard<std::mutex> lock(m_MotionLock);
+        if (planar != m_bMotionPlanar) {
+            m_bMotionPlanar = planar;
+            ApplyDetectMap();
+        }
         // The detector was started for the main stream's size; a picture of
         // another size (a sub stream) is not compared with its reference.
         if (width == m_nMotionWidth && height == m_nMotionHeight && width > 0 && height > 0) {
-            if (unsigned char* picture = MotionPicture(buf, width, height))
+            if (unsigned char* picture = MotionPicture(buf, width, height, planar))
                 r = m_MotionDetector.MotionDetectRun(picture, width, height);
         }
     }
@@ -437,7 +511,7 @@ void CIpCamera::RunMotionDetection(unsigned char* buf, int width, int height) {
     }
 }
 
-void CIpCamera::WritePendingSnapshot(unsigned char* buf, int width, int height) {
+void CIpCamera::WritePendingSnapshot(unsigned char* buf, int width, int height, bool planar) {
     char path[kTextSize];
     {
         std::lock_guard<std::recursive_mutex> lock(m_hLock);
@@ -449,7 +523,7 @@ void CIpCamera::WritePendingSnapshot(unsigned char* buf, int width, int height) 
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  SaveBmp  Path:%s start ... ", GetId(), m_szName,
             path);
     if (path[0] != '\0' && width > 0 && height > 0) {
-        if (m_bYuvDisplay.load()) {
+        if (planar) {
             SaveYuvJpegFile(path, buf, width, height);
         } else {
             // The JPEG writer turns the pixels it is given from blue-green-red
@@ -464,9 +538,10 @@ void CIpCamera::WritePendingSnapshot(unsigned char* buf, int width, int height) 
     m_nLastImageTime = NowSec();
 }
 
-int CIpCamera::DoVideoBuffer(CVideoSession* /*session*/, unsigned char* buf, int width, int height) {
+int CIpCamera::DoVideoBuffer(CVideoSession* session, unsigned char* buf, int width, int height) {
     if (!m_bDispatchEnable.load(std::memory_order_relaxed)) return 0;
-    m_Displayer.DisplayVideoBuffer(buf, width, height);
+    const bool planar = IsPlanar(session);
+    m_Displayer.DisplayVideoBuffer(buf, width, height, planar ? 1 : 0);
 
     const int oldW = m_nWidth.load();
     const int oldH = m_nHeight.load();
@@ -474,13 +549,20 @@ int CIpCamera::DoVideoBuffer(CVideoSession* /*session*/, unsigned char* buf, int
         trc_log(__FILE__, __LINE__, "",
                 "Camera(id:%d  name:%s)  m_nWidth(%d) != width(%d) || m_nHeight(%d) != height(%d) ... ",
                 GetId(), m_szName, oldW, width, oldH, height);
-        const int w = m_MainVideoSession.GetVideoWidth();
-        const int h = m_MainVideoSession.GetVideoHeight();
+        int w = -1, h = -1;
+        {
+            std::lock_guard<std::recursive_mutex> lock(m_hLock);
+            if (!m_bMainBusy) {
+                w = m_MainVideoSession.GetVideoWidth();
+                h = m_MainVideoSession.GetVideoHeight();
+            }
+        }
         int rc = 0;
         {
             std::lock_guard<std::mutex> lock(m_MotionLock);
             m_MotionDetector.Free();
             rc = m_MotionDetector.Init(this, w, h);
+            m_bMotionPlanar = planar;
             ApplyDetectMap();  // the picture layout may have changed with the stream
             m_nMotionWidth = rc == 0 ? w : 0;
             m_nMotionHeight = rc == 0 ? h : 0;
@@ -493,13 +575,19 @@ int CIpCamera::DoVideoBuffer(CVideoSession* /*session*/, unsigned char* buf, int
     m_nHeight.store(height);
 
     if (buf) {
-        RunMotionDetection(buf, width, height);
-        WritePendingSnapshot(buf, width, height);
+        RunMotionDetection(buf, width, height, planar);
+        WritePendingSnapshot(buf, width, height, planar);
     }
 
-    VideoBufCallBack fn = m_pfnVideoCallBack.load(std::memory_order_acquire);
+    VideoBufCallBack fn = nullptr;
+    void* user = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_CallbackLock);
+        fn = m_pfnVideoCallBack;
+        user = m_pVideoUser;
+    }
     if (fn) {
-        fn(this, m_pVideoUser.load(std::memory_order_relaxed), buf, width, height);
+        fn(this, user, buf, width, height);
         return 0;
     }
     m_nMotionCount.store(0);
@@ -507,8 +595,14 @@ int CIpCamera::DoVideoBuffer(CVideoSession* /*session*/, unsigned char* buf, int
 }
 
 int CIpCamera::DoAudioBuffer(CVideoSession*, unsigned short* buf, int a, int b) {
-    AudioBufCallBack fn = m_pfnAudioCallBack.load(std::memory_order_acquire);
-    if (fn) fn(this, m_pAudioUser.load(std::memory_order_relaxed), buf, a, b);
+    AudioBufCallBack fn = nullptr;
+    void* user = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_CallbackLock);
+        fn = m_pfnAudioCallBack;
+        user = m_pAudioUser;
+    }
+    if (fn) fn(this, user, buf, a, b);
     return 0;
 }
 
@@ -600,7 +694,7 @@ int CIpCamera::StartSaveAvi(int reason) {
     StopSaveAvi(reason);
     char path[kTextSize];
     GetAviPath(path, reason);
-    if (m_MainVideoSession.StartSaveAvi(path) == 0) {
+    if (!m_bMainBusy && m_MainVideoSession.StartSaveAvi(path) == 0) {
         m_nRecordFlags.store((m_nRecordFlags.load() & ~2u) | static_cast<uint32_t>(reason));
         m_nRecordStartTime = NowSec();
         m_nRecordReserved = 0;
@@ -613,10 +707,10 @@ int CIpCamera::StartSaveAvi(int reason) {
 
 int CIpCamera::StopSaveAvi(int reason) {
     std::lock_guard<std::recursive_mutex> lock(m_hLock);
-    m_MainVideoSession.StopSaveAvi();
+    if (!m_bMainBusy) m_MainVideoSession.StopSaveAvi();
     if (strlen(m_szAviPath) > 8 && m_nRecordStartTime > 0) {
         m_nRecordStartTime = 0;
-        const int64_t d = m_MainVideoSession.GetSaveAviDurationSec();
+        const int64_t d = m_bMainBusy ? 0 : m_MainVideoSession.GetSaveAviDurationSec();
         if (d > kSuspectDurationSec) trc_log(__FILE__, __LINE__, "", "Duration(%d) is wrong..", static_cast<int>(d));
         char finalPath[kTextSize + 16];
         const int stem = static_cast<int>(strlen(m_szAviPath)) - 4;
@@ -655,7 +749,10 @@ int CIpCamera::NotifyAutoSave(int on) {
     return 0;
 }
 
-int64_t CIpCamera::GetAviDuration() { return m_MainVideoSession.GetSaveAviDurationSec(); }
+int64_t CIpCamera::GetAviDuration() {
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    return m_bMainBusy ? 0 : m_MainVideoSession.GetSaveAviDurationSec();
+}
 
 // ---------------------------------------------------------------------------
 // Snapshots

@@ -62,12 +62,13 @@ bool CVideoDisplayer::IsStarted() const {
     return m_bStart != 0;
 }
 
-int CVideoDisplayer::DisplayVideoBuffer(unsigned char* data, int width, int height) {
+int CVideoDisplayer::DisplayVideoBuffer(unsigned char* data, int width, int height, int yuv) {
     std::lock_guard<std::mutex> lock(m_Lock);
     if (!m_bStart) return -1;
-    // The sizes given to Start describe the buffer; a picture of another
-    // size would be read past its end.
+    // The sizes and layout given to Start describe the buffer; a picture of
+    // another size or layout would be read past its end.
     if (width != m_nWidth || height != m_nHeight) return -1;
+    if (yuv >= 0 && (yuv ? 1 : 0) != m_bYuv) return -1;
     if (!data || !m_hScaler || !m_pDC) return 0;
 
     const uint8_t* src[4] = {};

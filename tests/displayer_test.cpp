@@ -80,6 +80,8 @@ TEST(DisplayerTest, Lifecycle_NotStartedOrWrongSizeDrawsNothing) {
     ASSERT_EQ(disp.Start(&dc, 84, 63, 64, 48), 0);
     EXPECT_EQ(disp.DisplayVideoBuffer(pic.data(), 32, 24), -1) << "size other than Start's";
     EXPECT_EQ(dc.GetPaintCount(), 0);
+    EXPECT_EQ(disp.DisplayVideoBuffer(pic.data(), 64, 48, 1), -1) << "planar, started for packed";
+    EXPECT_EQ(dc.GetPaintCount(), 0);
     EXPECT_EQ(disp.DisplayVideoBuffer(pic.data(), 64, 48), 0);
     EXPECT_EQ(dc.GetPaintCount(), 1);
     EXPECT_EQ(disp.Stop(), 0);

@@ -65,6 +65,8 @@ public:
     void SetActive(bool active) { m_bActive.store(active, std::memory_order_relaxed); }
     int IpcLock();
     int IpcUnLock();
+    // Layout of the streams opened from now on (planar YUV 4:2:0 or packed
+    // BGR24); a stream already open keeps the layout it was opened with.
     int SetYuvDisplay(int yuv);
     void SetSmoothStream(int n);
     void SetVideoBufCallBack(VideoBufCallBack fn, void* user);
@@ -143,12 +145,19 @@ public:
 
 private:
     void SetDefaults();
-    void WritePendingSnapshot(unsigned char* buf, int width, int height);
-    void RunMotionDetection(unsigned char* buf, int width, int height);
+    // Layout of a picture delivered by session (one of this camera's).
+    bool IsPlanar(CVideoSession* session) const;
+    void WritePendingSnapshot(unsigned char* buf, int width, int height, bool planar);
+    void RunMotionDetection(unsigned char* buf, int width, int height, bool planar);
     // The picture handed to the motion detector: the picture itself, or the
     // luma of a planar picture spread to three bytes per pixel.
-    unsigned char* MotionPicture(unsigned char* buf, int width, int height);
+    unsigned char* MotionPicture(unsigned char* buf, int width, int height, bool planar);
     int ApplyDetectMap();
+    // Around closing and reopening the main stream: finishes any recording
+    // and keeps the recording calls of other threads (the timer, motion
+    // events) off the main session until EndMainChange.
+    void BeginMainChange();
+    void EndMainChange(const char* openedUrl);
 
     std::atomic<bool> m_bActive{false};
     std::atomic<bool> m_bYuvDisplay{false};
@@ -157,8 +166,13 @@ private:
     std::atomic<int32_t> m_nHeight{0};
     CUrlVideoSession m_MainVideoSession;
     // The sub stream: the main session whenever no separate one is open.
+    // Changed under the camera lock; it is only dereferenced under it, and
+    // a separate session is closed after it was detached from it.
     std::atomic<CUrlVideoSession*> m_pSubVideoSession{nullptr};
     std::unique_ptr<CUrlVideoSession> m_pSeparateSubSession;
+    // Layouts the main and the separate sub stream were opened with.
+    std::atomic<bool> m_bMainYuv{false};
+    std::atomic<bool> m_bSubYuv{false};
     CTimeManager m_TimeManager;
     CVideoDisplayer m_Displayer;
 
@@ -167,15 +181,20 @@ private:
     CMotionDetector m_MotionDetector;
     int32_t m_nMotionWidth = 0;  // size the detector was started for
     int32_t m_nMotionHeight = 0;
+    bool m_bMotionPlanar = false;  // layout the detection map was given for
     std::vector<unsigned char> m_MotionScratch;
     std::vector<unsigned char> m_HostDetectMap;  // as the host gave it; empty: none
 
     // The camera lock (recursive). It guards the recording state
-    // (m_szAviPath, m_nRecordStartTime, m_nRecordReserved), the snapshot
-    // state (m_szImagePath, m_bImagePending, m_nImageRemain, m_nImageType,
-    // m_nLastImageTime) and m_AlarmRegion; m_nRecordFlags is written under
-    // it and read without it.
+    // (m_szAviPath, m_nRecordStartTime, m_nRecordReserved, m_bMainBusy),
+    // the snapshot state (m_szImagePath, m_bImagePending, m_nImageRemain,
+    // m_nImageType, m_nLastImageTime), the stream URLs, the separate sub
+    // session and m_AlarmRegion; m_nRecordFlags is written under it and read
+    // without it. Every call into a session's media context is made under
+    // it, except closing and opening, which run outside it.
     std::recursive_mutex m_hLock;
+    // The main session is being closed or opened: no call reaches it.
+    bool m_bMainBusy = false;
 
     char m_szMainUrl[256] = {};
     char m_szSubUrl[256] = {};
@@ -199,8 +218,10 @@ private:
     int32_t m_nRecordStartTime = 0;
     char m_szAviPath[256] = {};
     int32_t m_nRecordReserved = 0;
-    std::atomic<void*> m_pVideoUser{nullptr};
-    std::atomic<VideoBufCallBack> m_pfnVideoCallBack{nullptr};
-    std::atomic<void*> m_pAudioUser{nullptr};
-    std::atomic<AudioBufCallBack> m_pfnAudioCallBack{nullptr};
+    // Leaf lock keeping each callback together with its user pointer.
+    std::mutex m_CallbackLock;
+    void* m_pVideoUser = nullptr;
+    VideoBufCallBack m_pfnVideoCallBack = nullptr;
+    void* m_pAudioUser = nullptr;
+    AudioBufCallBack m_pfnAudioCallBack = nullptr;
 };

@@ -31,7 +31,9 @@ public:
     int Start(CDC* pDC, int dstWidth, int dstHeight, int width, int height, int yuv = 0);
     // 0 when painted; -1 when not started, or when the picture's size is not
     // the size given to Start (restart the displayer after a size change).
-    int DisplayVideoBuffer(unsigned char* data, int width, int height);
+    // yuv, when 0 or 1, is the picture's layout: a picture whose layout is
+    // not the one given to Start is refused (-1) like one of another size.
+    int DisplayVideoBuffer(unsigned char* data, int width, int height, int yuv = -1);
     // 0, or -1 when not started.
     int Stop();
     bool IsStarted() const;
