@@ -327,8 +327,12 @@ TEST_F(LiveCameraTest, Delivery_BothLayoutsFromSimulatorAndDisplay) {
     for (int yuv : {0, 1}) {
         SCOPED_TRACE(yuv ? "I420" : "BGR24");
         cam_->SetYuvDisplay(yuv);
-        view_.keep = true;
-        view_.layoutBytes = yuv ? 3 : 6;
+        {
+            // The previous round's stream still delivers until OpenSim replaces it.
+            std::lock_guard<std::mutex> lock(view_.mu);
+            view_.keep = true;
+            view_.layoutBytes = yuv ? 3 : 6;
+        }
         OpenSim(Pattern(320, 240));
         EXPECT_TRUE(cam_->IsMainVideoOpenSuc());
         EXPECT_EQ(cam_->GetMainVideoCodec(), 0);
