@@ -49,52 +49,6 @@ void AddNs(timespec* t, long ns) {
     }
 }
 
-struct FileCloser {
-    void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
-
-void PutLe16(unsigned char* p, uint32_t v) {
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-}
-
-void PutLe32(unsigned char* p, uint32_t v) {
-    PutLe16(p, v & 0xFFFF);
-    PutLe16(p + 2, v >> 16);
-}
-
-// Writes a 24-bit BGR bottom-up picture (rows of width x 3 bytes, unpadded)
-// as a BMP file. Each row is followed by the zero bytes that pad it to a
-// multiple of 4. A file that cannot be created is skipped silently.
-void WritePlaybackBmp(const char* path, const unsigned char* data, int width, int height) {
-    if (!path || !path[0] || !data || width <= 0 || height <= 0) return;
-    const uint32_t row_bytes = static_cast<uint32_t>(width) * 3;
-    const uint32_t padded_row = (row_bytes + 3) / 4 * 4;
-    const uint32_t image_size = padded_row * static_cast<uint32_t>(height);
-
-    unsigned char header[54] = {};
-    header[0] = 'B';
-    header[1] = 'M';
-    PutLe32(header + 2, image_size + 54);
-    PutLe32(header + 10, 54);
-    PutLe32(header + 14, 40);
-    PutLe32(header + 18, static_cast<uint32_t>(width));
-    PutLe32(header + 22, static_cast<uint32_t>(height));
-    PutLe16(header + 26, 1);
-    PutLe16(header + 28, 24);
-    PutLe32(header + 34, image_size);
-
-    FilePtr file(std::fopen(path, "wb"));
-    if (!file) return;
-    std::fwrite(header, 1, sizeof header, file.get());
-    static const unsigned char kPad[3] = {0, 0, 0};
-    for (int row = 0; row < height; ++row) {
-        std::fwrite(data + static_cast<size_t>(row) * row_bytes, 1, row_bytes, file.get());
-        if (padded_row > row_bytes) std::fwrite(kPad, 1, padded_row - row_bytes, file.get());
-    }
-}
-
 }  // namespace
 
 CRecordPlayer::CRecordPlayer() {
@@ -341,7 +295,7 @@ void CRecordPlayer::WriteSnapshot(unsigned char* buf, int width, int height) {
         m_bSaveImage = 0;
     }
     os_mutex_unlock(m_hLock);
-    if (pending) WritePlaybackBmp(path, buf, width, height);
+    if (pending) SaveBmpFileUnpadded(path, buf, width, height);
 }
 
 int CRecordPlayer::DoVideoBuffer(CVideoSession* session, unsigned char* buf, int width, int height) {

@@ -1,5 +1,8 @@
 #include "snapshot_writer.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -112,6 +115,26 @@ bool MakeDirectories(const char* path) {
     return true;
 }
 
+namespace {
+
+// The 14-byte file header and 40-byte information header of an
+// uncompressed BMP whose rows are stored bottom-up.
+void FillBmpHeader(unsigned char (&header)[54], int width, int height, int bitsPerPixel, uint32_t imageSize) {
+    std::fill(std::begin(header), std::end(header), 0);
+    header[0] = 'B';
+    header[1] = 'M';
+    PutLe32(header + 2, imageSize + 54);  // file size
+    PutLe32(header + 10, 54);             // offset of the pixels
+    PutLe32(header + 14, 40);             // information header size
+    PutLe32(header + 18, static_cast<uint32_t>(width));
+    PutLe32(header + 22, static_cast<uint32_t>(height));  // positive: rows bottom-up
+    PutLe16(header + 26, 1);                              // planes
+    PutLe16(header + 28, static_cast<uint32_t>(bitsPerPixel));
+    PutLe32(header + 34, imageSize);
+}
+
+}  // namespace
+
 bool SaveBmpFile(const char* path, const unsigned char* data, int width, int height, int bitsPerPixel) {
     if (!path || !data || width <= 0 || height <= 0 || bitsPerPixel <= 0) return false;
     const int64_t rowBytes = (static_cast<int64_t>(width) * bitsPerPixel / 8 + 3) / 4 * 4;
@@ -120,18 +143,32 @@ bool SaveBmpFile(const char* path, const unsigned char* data, int width, int hei
     FilePtr file(fopen(path, "wb"));
     if (!file) return false;
 
-    unsigned char header[54] = {'B', 'M'};
-    PutLe32(header + 2, static_cast<uint32_t>(imageSize + 54));  // file size
-    PutLe32(header + 10, 54);                                    // offset of the pixels
-    PutLe32(header + 14, 40);                                    // information header size
-    PutLe32(header + 18, static_cast<uint32_t>(width));
-    PutLe32(header + 22, static_cast<uint32_t>(height));  // positive: rows bottom-up
-    PutLe16(header + 26, 1);                              // planes
-    PutLe16(header + 28, static_cast<uint32_t>(bitsPerPixel));
-    PutLe32(header + 34, static_cast<uint32_t>(imageSize));
+    unsigned char header[54];
+    FillBmpHeader(header, width, height, bitsPerPixel, static_cast<uint32_t>(imageSize));
     fwrite(header, 1, sizeof header, file.get());
     fwrite(data, 1, static_cast<size_t>(imageSize), file.get());
     return false;
+}
+
+bool SaveBmpFileUnpadded(const char* path, const unsigned char* data, int width, int height) {
+    if (!path || !path[0] || !data || width <= 0 || height <= 0) return false;
+    const uint64_t rowBytes = static_cast<uint64_t>(width) * 3;
+    const uint64_t paddedRow = (rowBytes + 3) / 4 * 4;
+    const uint64_t imageSize = paddedRow * static_cast<uint64_t>(height);
+    if (imageSize + 54 > UINT32_MAX) return false;
+    FilePtr file(fopen(path, "wb"));
+    if (!file) return false;
+
+    unsigned char header[54];
+    FillBmpHeader(header, width, height, 24, static_cast<uint32_t>(imageSize));
+    bool ok = fwrite(header, 1, sizeof header, file.get()) == sizeof header;
+    static const unsigned char kPad[3] = {0, 0, 0};
+    for (int row = 0; ok && row < height; ++row) {
+        ok = fwrite(data + static_cast<size_t>(row) * rowBytes, 1, rowBytes, file.get()) == rowBytes;
+        if (ok && paddedRow > rowBytes)
+            ok = fwrite(kPad, 1, paddedRow - rowBytes, file.get()) == paddedRow - rowBytes;
+    }
+    return ok;
 }
 
 int SaveJpegFile(const char* path, unsigned char* data, int width, int height, int bytesPerPixel) {

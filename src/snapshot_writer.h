@@ -24,6 +24,11 @@ bool MakeDirectories(const char* path);
 // write, so callers cannot tell the two apart by it.
 bool SaveBmpFile(const char* path, const unsigned char* data, int width, int height, int bitsPerPixel);
 
+// Writes a 24-bit picture whose rows are width * 3 bytes with no padding
+// (rows bottom-up) as a BMP file, padding each row to a multiple of 4 bytes
+// on the way out. Returns true when the whole file was written.
+bool SaveBmpFileUnpadded(const char* path, const unsigned char* data, int width, int height);
+
 // Writes a 24-bit picture as a quality-100 JPEG through libjpeg, upright.
 // Swaps the first and third byte of every pixel of data in place (the
 // caller's buffer ends up red-green-blue). Only bytesPerPixel 3 is
