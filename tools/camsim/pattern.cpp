@@ -23,6 +23,12 @@ extern "C" __attribute__((weak, used)) const char* __lsan_default_suppressions()
 namespace camsim {
 namespace {
 
+// A copy of n bytes at data; empty for no data.
+std::vector<uint8_t> PacketBytes(const uint8_t* data, int n) {
+    if (!data || n <= 0) return {};
+    return std::vector<uint8_t>(data, data + n);
+}
+
 std::string AvError(int err) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(err, text, sizeof text);
@@ -241,7 +247,7 @@ bool PatternSource::Impl::EncodeAudioUpTo(int64_t ms) {
                     Pending p{Meta(kStreamAudio), {}};
                     p.meta.key = true;
                     p.meta.ts_ms = ts + off / piece * 40;
-                    p.data.assign(pkt->data + off, pkt->data + std::min(pkt->size, off + piece));
+                    p.data = PacketBytes(pkt->data + off, std::min(pkt->size, off + piece) - off);
                     pending.push_back(std::move(p));
                 }
             } else {
@@ -252,7 +258,7 @@ bool PatternSource::Impl::EncodeAudioUpTo(int64_t ms) {
                     p.data = WithAdtsHeader(pkt->data, static_cast<size_t>(pkt->size), aenc->extradata,
                                             static_cast<size_t>(std::max(0, aenc->extradata_size)));
                 else
-                    p.data.assign(pkt->data, pkt->data + pkt->size);
+                    p.data = PacketBytes(pkt->data, pkt->size);
                 pending.push_back(std::move(p));
             }
             av_packet_unref(pkt.get());
@@ -281,7 +287,7 @@ bool PatternSource::Impl::EncodeVideo() {
         Pending p{Meta(kStreamVideo), {}};
         p.meta.key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
         p.meta.ts_ms = pkt->pts * 1000 / opt.fps;
-        p.data.assign(pkt->data, pkt->data + pkt->size);
+        p.data = PacketBytes(pkt->data, pkt->size);
         pending.push_back(std::move(p));
         av_packet_unref(pkt.get());
     }
