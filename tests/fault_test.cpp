@@ -445,8 +445,11 @@ void RecordUntilFull(const std::string& dir, long long capacity) {
             "-select_streams v -count_frames -show_entries stream=nb_frames,nb_read_frames -of csv=p=0", f);
         const int header = std::atoi(counts.c_str());
         const int decoded = std::atoi(counts.substr(counts.find(',') + 1).c_str());
-        EXPECT_GE(decoded, 1) << f << " unreadable (" << counts << ")";
         EXPECT_EQ(header, decoded) << f << " has an incomplete index (" << counts << ")";
+        // A segment begun with room for its header but not its first
+        // picture is empty yet valid; anything longer must start on a key.
+        if (header == 0 && decoded == 0 && !counts.empty()) continue;
+        EXPECT_GE(decoded, 1) << f << " unreadable (" << counts << ")";
         EXPECT_EQ(camctl_test::Ffprobe("-select_streams v -show_entries packet=flags -read_intervals %+#1 -of csv=p=0",
                                        f)
                       .substr(0, 1),
