@@ -11,6 +11,7 @@
 #include "camctl/UrlVideoSession.h"
 #include "engine/engine.h"
 #include "support/engine_support.h"
+#include "support/logging_session.h"
 #include "support/fixtures.h"
 #include "support/rtsp_server.h"
 
@@ -22,37 +23,7 @@ using camctl_test::TimeMs;
 
 namespace {
 
-class TestUrlSession : public CUrlVideoSession {
-public:
-    // Closed here, while this class's DoVideoBuffer still stands: the
-    // base destructor would leave the engine calling the owner forwarding.
-    ~TestUrlSession() override { VideoFree(); }
-    // Every slot is taken here: the owner given to VideoInit is this
-    // session, not a camera or player the base slots could forward to.
-    int DoAudioBuffer(unsigned short*, int count, int rate) override {
-        audioSamples += count;
-        audioRate = rate;
-        return 0;
-    }
-    int UpdateMotionAlarmRegion(char*) override { return 0; }
-    std::atomic<long> audioSamples{0};
-    std::atomic<int> audioRate{0};
-    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
-        log.OnPicture(buf, width, height, yuv);
-        return 0;
-    }
-    FFMpegContext* Context() { return m_pContext; }
-    // Opens url with the given layout and decoding switched on.
-    int Open(const std::string& url, int layout) {
-        yuv = layout != 0;
-        SetD3DDisplay(layout);
-        int rc = VideoInit(this, url.c_str());
-        if (rc == 0) SetDecodeEnbale(1);
-        return rc;
-    }
-    PictureLog log;
-    bool yuv = false;
-};
+using TestUrlSession = camctl_test::LoggingUrlSession;
 
 std::string Mpeg4Mkv() {
     return Fixture("rtsp_mpeg4_20s.mkv",

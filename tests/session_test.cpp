@@ -11,6 +11,7 @@
 #include "engine/av_ptr.h"
 #include "engine/engine.h"
 #include "support/engine_support.h"
+#include "support/logging_session.h"
 #include "support/fixtures.h"
 
 using camctl_test::Fixture;
@@ -36,52 +37,12 @@ std::string HevcClip() {
 
 // A file session whose pictures are logged instead of going to a player;
 // the test reaches into the context through the protected members.
-class TestFileSession : public CFileVideoSession {
-public:
-    // Closed here, while this class's DoVideoBuffer still stands: the
-    // base destructor would leave the engine calling the owner forwarding.
-    ~TestFileSession() override { VideoFree(); }
-    // Every slot is taken here: the owner given to VideoInit is this
-    // session, not a camera or player the base slots could forward to.
-    int DoAudioBuffer(unsigned short*, int count, int rate) override {
-        audioSamples += count;
-        audioRate = rate;
-        return 0;
-    }
-    int UpdateMotionAlarmRegion(char*) override { return 0; }
-    std::atomic<long> audioSamples{0};
-    std::atomic<int> audioRate{0};
-    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
-        log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
-        return 0;
-    }
-    FFMpegContext* Context() { return m_pContext; }
-    PictureLog log;
-};
+using TestFileSession = camctl_test::LoggingFileSession;
 
-class TestUrlSession : public CUrlVideoSession {
+class TestUrlSession : public camctl_test::LoggingUrlSession {
 public:
-    // Closed here, while this class's DoVideoBuffer still stands: the
-    // base destructor would leave the engine calling the owner forwarding.
-    ~TestUrlSession() override { VideoFree(); }
-    // Every slot is taken here: the owner given to VideoInit is this
-    // session, not a camera or player the base slots could forward to.
-    int DoAudioBuffer(unsigned short*, int count, int rate) override {
-        audioSamples += count;
-        audioRate = rate;
-        return 0;
-    }
-    int UpdateMotionAlarmRegion(char*) override { return 0; }
-    std::atomic<long> audioSamples{0};
-    std::atomic<int> audioRate{0};
-    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
-        log.OnPicture(buf, width, height, m_bD3DDisplay != 0);
-        return 0;
-    }
-    FFMpegContext* Context() { return m_pContext; }
     os_cond* Signal() { return m_hFrameSignal; }
     int CondAdjust() const { return m_nCondAdjust; }
-    PictureLog log;
 };
 
 TEST(SessionTest, ClosedSession_AnswersWithFailureValues) {
