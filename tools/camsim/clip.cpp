@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "camsim/media_source.h"
-#include "engine/av_ptr.h"
+#include "camsim/av_owners.h"
 
 namespace camsim {
 namespace {
@@ -143,8 +143,8 @@ std::shared_ptr<const Clip> Clip::Load(const std::string& path, std::string* err
             {kStreamVideo, (p->flags & AV_PKT_FLAG_KEY) != 0, ms, std::vector<uint8_t>(p->data, p->data + p->size)});
     };
 
-    camctl::PacketPtr pkt = camctl::MakePacket();
-    camctl::PacketPtr out = camctl::MakePacket();
+    PacketPtr pkt = MakePacket();
+    PacketPtr out = MakePacket();
     auto drain = [&]() {
         while (av_bsf_receive_packet(bsf.get(), out.get()) == 0) {
             addVideo(out.get());
