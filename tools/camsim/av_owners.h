@@ -1,11 +1,13 @@
-// The simulator's FFmpeg owners: packets and frames freed with their own
-// calls. The simulator is built only on the exported library and FFmpeg.
+// The simulator's FFmpeg owners, each freeing its object with its own call.
+// The simulator is built only on the exported library and FFmpeg.
 #pragma once
 
 #include <memory>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
 #include <libavutil/frame.h>
 }
 
@@ -17,6 +19,18 @@ struct PacketFree {
 struct FrameFree {
     void operator()(AVFrame* p) const { av_frame_free(&p); }
 };
+struct InputFormatClose {
+    void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
+};
+struct CodecContextFree {
+    void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
+};
+struct BsfFree {
+    void operator()(AVBSFContext* p) const { av_bsf_free(&p); }
+};
+using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatClose>;
+using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
+using BsfPtr = std::unique_ptr<AVBSFContext, BsfFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 

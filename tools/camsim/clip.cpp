@@ -74,7 +74,7 @@ std::shared_ptr<const Clip> Clip::Load(const std::string& path, std::string* err
         Fail(error, "cannot open " + path + ": " + AvError(err));
         return nullptr;
     }
-    camctl::InputFormatPtr fmt(raw);
+    InputFormatPtr fmt(raw);
     if ((err = avformat_find_stream_info(fmt.get(), nullptr)) < 0) {
         Fail(error, "no stream info in " + path + ": " + AvError(err));
         return nullptr;
@@ -114,7 +114,7 @@ std::shared_ptr<const Clip> Clip::Load(const std::string& path, std::string* err
 
     // H.264/H.265 in MP4 or MKV carry length-prefixed NAL units; the wire
     // wants Annex-B start codes. Input that is Annex-B already passes as is.
-    camctl::BsfPtr bsf;
+    BsfPtr bsf;
     const char* bsfName = vs->codecpar->codec_id == AV_CODEC_ID_H264   ? "h264_mp4toannexb"
                           : vs->codecpar->codec_id == AV_CODEC_ID_HEVC ? "hevc_mp4toannexb"
                                                                        : nullptr;

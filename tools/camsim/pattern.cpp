@@ -89,14 +89,14 @@ struct Pending {
 struct PatternSource::Impl {
     PatternOptions opt;
     // Video encoder and its current settings.
-    camctl::CodecContextPtr venc;
+    CodecContextPtr venc;
     FramePtr vframe;
     VideoCodec vcodec = VideoCodec::H264;
     int width = 0;
     int height = 0;
     int64_t frameIndex = 0;
     // Audio encoder.
-    camctl::CodecContextPtr aenc;
+    CodecContextPtr aenc;
     FramePtr aframe;
     int64_t audioSamples = 0;
     int audioFrameSize = 0;
@@ -134,7 +134,7 @@ bool PatternSource::Impl::OpenVideo(VideoCodec codec, int w, int h, std::string*
         if (error) *error = "no video encoder";
         return false;
     }
-    camctl::CodecContextPtr ctx(avcodec_alloc_context3(enc));
+    CodecContextPtr ctx(avcodec_alloc_context3(enc));
     if (!ctx) return false;
     ctx->width = w;
     ctx->height = h;
@@ -192,7 +192,7 @@ bool PatternSource::Impl::OpenAudio(std::string* error) {
         if (error) *error = std::string("no audio encoder for ") + avcodec_get_name(id);
         return false;
     }
-    camctl::CodecContextPtr ctx(avcodec_alloc_context3(enc));
+    CodecContextPtr ctx(avcodec_alloc_context3(enc));
     ctx->sample_rate = rate;
     ctx->time_base = AVRational{1, rate};
     av_channel_layout_default(&ctx->ch_layout, 1);
