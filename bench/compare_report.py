@@ -242,6 +242,24 @@ def build_rows(d):
                  f"server {fmt(h_srv, 0, ' % core')}", "-", ">= 200 cameras, every segment whole (#18)",
                  verdict(whole)))
 
+    # Live latency: age of a picture at the host's callback, from the
+    # server's send (stamped pictures, 720p25 H.264 over RTSP).
+    lat = {k: (find(d, "latency", rf"^BM_Latency/{k}", "p50_ms"), find(d, "latency", rf"^BM_Latency/{k}", "p99_ms"))
+           for k in ("camctl_smooth_off", "camctl_smooth_on", "ffmpeg_low_delay", "gst_latency0")}
+    refs = [v[0] for k, v in lat.items() if not k.startswith("camctl") and v[0] is not None]
+    p50, p99 = lat["camctl_smooth_off"]
+    ok = None if p50 is None or not refs else (p50 < min(refs) and p50 <= 40 and p99 is not None and p99 <= 80)
+    rows.append(("Live latency, RTSP 720p25, smooth stream off: p50 / p99",
+                 f"{fmt(p50, 1, ' ms')} / {fmt(p99, 1, ' ms')}",
+                 f"ffmpeg low_delay {fmt(lat['ffmpeg_low_delay'][0], 1, ' ms')}, "
+                 f"GStreamer latency=0 {fmt(lat['gst_latency0'][0], 1, ' ms')} (p50)",
+                 fmt(p50 / min(refs) if p50 is not None and refs else None),
+                 "p50 below every reference and <= 40 ms, p99 <= 80 ms (#18)", verdict(ok)))
+    on50, on99 = lat["camctl_smooth_on"]
+    rows.append(("  smooth stream on (mode 1, display timer 2 ms): p50 / p99",
+                 f"{fmt(on50, 1, ' ms')} / {fmt(on99, 1, ' ms')}", "-", "-", "recorded: the cost of smoothing",
+                 "recorded" if on50 is not None else "not measured"))
+
     # Time to first picture.
     http = find(d, "live_ref", r"^BM_TimeToFirstPicture/http", "ttfp_ms")
     rows.append(("Time to first picture, private HTTP on loopback (median)", fmt(http, 0, " ms"), "-", "-",
