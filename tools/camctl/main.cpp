@@ -68,7 +68,12 @@ int Main(int argc, char** argv) {
             verbose = true;
             continue;
         }
-        if (i > 0 && !strcmp(argv[i], "--log-dir") && i + 1 < argc) {
+        if (i > 0 && !strcmp(argv[i], "--log-dir")) {
+            if (i + 1 >= argc) {
+                InitOutput(verbose);
+                Note("--log-dir needs a value DIR (see: camctl --help)");
+                return kExitUsage;
+            }
             log_dir = argv[++i];
             continue;
         }
