@@ -11,9 +11,15 @@ namespace camctl_test {
 
 class RtspServer {
 public:
+    enum class Auth { kNone, kBasic, kDigest };
     struct Mount {
         std::string path;    // "/h264"
         std::string launch;  // a bin whose payloaders are named pay0, pay1, ...
+        // kBasic/kDigest: the mount answers 401 unless the client gives user
+        // and password with that method (the only one its 401 offers).
+        Auth auth = Auth::kNone;
+        std::string user;
+        std::string password;
     };
 
     // Starts the server and waits (at most 15 s) until it listens, on port
