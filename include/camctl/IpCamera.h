@@ -195,9 +195,10 @@ private:
     // (m_szAviPath, m_nRecordStartTime, m_nRecordReserved, m_bMainBusy),
     // the snapshot state (m_szImagePath, m_bImagePending, m_nImageRemain,
     // m_nImageType, m_nLastImageTime), the stream URLs, the separate sub
-    // session, the sub stream's open failure and m_AlarmRegion; m_nRecordFlags is written under it and read
-    // without it. Every call into a session's media context is made under
-    // it, except closing and opening, which run outside it.
+    // session, the sub stream's open failure and m_AlarmRegion;
+    // m_nRecordFlags is written under it and read without it. Every call
+    // into a session's media context is made under it, except closing and
+    // opening, which run outside it.
     std::recursive_mutex m_hLock;
     // The main session is being closed or opened: no call reaches it.
     bool m_bMainBusy = false;
