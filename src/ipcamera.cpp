@@ -489,9 +489,9 @@ void CIpCamera::RunMotionDetection(unsigned char* buf, int width, int height, bo
             m_bMotionPlanar = planar;
             ApplyDetectMap();
         }
-        // The detector was started for the main stream's size; a picture of
-        // another size (a sub stream) is not compared with its reference.
-        if (width == m_nMotionWidth && height == m_nMotionHeight && width > 0 && height > 0) {
+        // The detector was started for the main stream's size; a sub stream's
+        // smaller pictures are scanned too, a larger picture is not.
+        if (width <= m_nMotionWidth && height <= m_nMotionHeight && width > 0 && height > 0) {
             if (unsigned char* picture = MotionPicture(buf, width, height, planar))
                 r = m_MotionDetector.MotionDetectRun(picture, width, height);
         }

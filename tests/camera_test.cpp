@@ -485,6 +485,20 @@ TEST_F(LiveCameraTest, Motion_SceneSwitchRecordsAndTakesSnapshot) {
     EXPECT_LE(len, 7);
 }
 
+TEST_F(LiveCameraTest, Motion_DetectedOnSubStreamPicturesAlone) {
+    // The usual grid view: only the smaller sub stream is decoded; the
+    // detector, started at the main stream's size, scans its pictures.
+    cam_->SetMotionSaveType(0, 1, 2);
+    cam_->NotifyMotionSave(1);
+    OpenSim(Pattern(480, 360));
+    camsim::Server sub(Pattern(320, 240, 50));
+    ASSERT_TRUE(sub.Start());
+    ASSERT_EQ(cam_->OpenSubStreamVideo(sub.Url().c_str()), 0);
+    ASSERT_TRUE(cam_->HasSubStream());
+    ASSERT_EQ(cam_->SetDecodeEnable(false, true), 0);
+    EXPECT_TRUE(WaitFor([&] { return cam_->GetMotionCount() >= 1; }, 10000));
+}
+
 TEST_F(LiveCameraTest, Snapshot_BurstOfThreeOneSecondApart) {
     OpenSim(Pattern(320, 240));
     // The timer asks for the next picture of a burst once time()'s whole

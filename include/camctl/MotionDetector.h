@@ -81,8 +81,11 @@ public:
     size_t GetReferenceSize() const { return m_nPreSize; }
 
 private:
-    // Copies the picture into the reference when it has the reference's size.
+    // Copies the picture into the first bytes of the reference when it
+    // fits (see HasReferenceFor).
     void StoreReference(const unsigned char* picture, int width, int height);
+    // A picture is compared when it is no wider and no taller than the size
+    // the detector was started for (a sub stream's pictures are smaller).
     bool HasReferenceFor(int width, int height) const;
     int64_t Now() const;
 
@@ -103,6 +106,8 @@ private:
     std::atomic<int32_t> m_nPixelDiff;
 
     size_t m_nPreSize;  // bytes of m_pPreData
+    int32_t m_nPreWidth;   // size given to Init
+    int32_t m_nPreHeight;
     SecondsSource m_pfnClock;
     void* m_pClockContext;
     mutable std::mutex m_NameLock;  // guards m_szOwnerName
