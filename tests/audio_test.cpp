@@ -659,3 +659,29 @@ INSTANTIATE_TEST_SUITE_P(Simulator, SimulatorAudioTest,
                          [](const ::testing::TestParamInfo<SimCase>& i) { return std::string(i.param.name); });
 
 }  // namespace
+
+namespace {
+
+// A camera that announces its audio only with its first audio frame: the
+// reader reopens the audio decoder while the stream is still starting.
+// Every cycle must run one audio thread at a time, joined on close.
+TEST(SessionAudio, AudioAnnouncedLate_OpenCloseCycles) {
+    camsim::Options o;
+    o.pattern.width = 160;
+    o.pattern.height = 120;
+    o.pattern.audio = camsim::AudioCodec::Mulaw;
+    o.audio_announced_late = true;
+    camsim::Server server(o);
+    std::string error;
+    ASSERT_TRUE(server.Start(&error)) << error;
+    for (int i = 0; i < 20; ++i) {
+        ToneSession s;
+        ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
+        ASSERT_EQ(s.SetDecodeEnbale(1), 0);
+        ASSERT_TRUE(WaitFor([&] { return s.audio.Count() > 0; }, 8000)) << "cycle " << i;
+        EXPECT_EQ(s.audio.Rate(), 8000);
+        s.VideoFree();
+    }
+}
+
+}  // namespace

@@ -371,6 +371,14 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
     ctx->m_bDecode = options.decode;
     ctx->m_bThrottleRead = options.throttleRead;
 
+    // The audio thread runs whether or not there is audio: it also drains
+    // the records of the private stream that carry no stream of their own.
+    // It starts before the reader, which reopens the audio decoder (and
+    // restarts this thread) when the stream's audio changes: from then on
+    // only the reader touches the decoder and the thread handle.
+    if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
+    if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
+
     ctx->m_hReadThread = os_thread_create(nullptr, ReadThreadProc, ctx.get());
     if (ctx->m_hReadThread)
         ctx->m_hVideoThread =
@@ -379,13 +387,10 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
         ctx->m_bRunning = 0;
         ctx->m_bAbortIo = 1;
         JoinThread(ctx->m_hReadThread);
+        StopAudioThread(ctx.get());
         return nullptr;
     }
     os_print("FFMpegContextCreate  succ end(yuv:%d) 9999999999999999999999999", yuvOutput);
-    // The audio thread runs whether or not there is audio: it also drains
-    // the records of the private stream that carry no stream of their own.
-    if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
-    if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
     return ctx.release();
 }
 
