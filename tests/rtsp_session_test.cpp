@@ -185,6 +185,23 @@ TEST_F(RtspTest, FrozenServer_ReadTimeoutEndsReader) {
     server->Thaw();
 }
 
+TEST_F(RtspTest, PlaybackPausedLongerThanAReadThenSought_GoesOn) {
+    auto server = Start({{"/playback/clip", RtspServer::Mpeg4File(Mpeg4Mkv())}});
+    ASSERT_TRUE(server->ok());
+    camctl_test::LoggingFileSession s;
+    ASSERT_EQ(s.Open(server->Url("/playback/clip"), 0), 0) << server->Log();
+    ASSERT_GE(s.GetTotalDuration(), 5) << "the server announces the clip's length";
+    ASSERT_TRUE(s.log.WaitForCount(3, 8000));
+    ASSERT_EQ(s.Pause(), 0);
+    // The pause outlasts a read's deadline; the seek gets one of its own.
+    std::this_thread::sleep_for(std::chrono::milliseconds(kNetReadTimeoutMs + 1000));
+    ASSERT_EQ(s.SeekTime(10), 0);
+    const int seen = s.log.Count();
+    ASSERT_EQ(s.Resume(), 0);
+    EXPECT_TRUE(s.log.WaitForCount(seen + 30, 10000)) << s.log.Count() - seen;
+    EXPECT_FALSE(s.IsPlayFinish());
+}
+
 TEST_F(RtspTest, Credentials_NeverLoggedInClear) {
     auto server = Start({{"/h264", RtspServer::H264(160, 120, 25, 25)}});
     ASSERT_TRUE(server->ok());

@@ -77,11 +77,14 @@ void CountVideoPacket(FFMpegContext* ctx, ReaderState& st, const AVPacket* pkt) 
 }
 
 // Carries out a pending seek. False when the target lies beyond the end.
-bool ApplySeek(FFMpegContext* ctx, int64_t target) {
+bool ApplySeek(FFMpegContext* ctx, int64_t target, bool network) {
     FlushVideoPackets(ctx);
     int64_t seconds = target * ctx->m_nTimeBaseNum / ctx->m_nTimeBaseDen;
     if (seconds > ctx->m_nDurationSec) return false;
-    av_seek_frame(ctx->m_pFormatCtx.get(), ctx->m_nVideoIndex, target, AVSEEK_FLAG_BACKWARD);
+    {
+        const ScopedIoDeadline deadline(ctx, network, kNetReadTimeoutMs);
+        av_seek_frame(ctx->m_pFormatCtx.get(), ctx->m_nVideoIndex, target, AVSEEK_FLAG_BACKWARD);
+    }
     ctx->m_nSeekTarget = 0;
     return true;
 }
@@ -98,7 +101,7 @@ void OnOverflow(FFMpegContext* ctx, ReaderState& st, int count) {
 
 // Reads the next packet. False ends the reader (after logging why).
 bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt) {
-    if (network) ArmIoDeadline(ctx, kNetReadTimeoutMs);
+    const ScopedIoDeadline deadline(ctx, network, kNetReadTimeoutMs);
     if (ctx->m_bHttpFrame) {
         int audioChanged = 0;
         int newAudioCodec = 0;
@@ -156,7 +159,7 @@ void* ReadThreadProc(void* arg) {
             continue;
         }
         int64_t target = ctx->m_nSeekTarget;
-        if (target > 0 && !ApplySeek(ctx, target)) {
+        if (target > 0 && !ApplySeek(ctx, target, network)) {
             os_print("Seek error time-period:%d", int(time(nullptr) - st.lastPacketTime));
             break;
         }
