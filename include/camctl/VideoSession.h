@@ -15,6 +15,7 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
 #include <cstdint>
 
 #include "camctl/FrameListener.h"
@@ -75,4 +76,5 @@ protected:
     int32_t m_nCondCount;      // SendVideoCond calls since the last release
     int32_t m_nSmoothStream;
     int32_t m_nCondAdjust;     // correction added to the frame interval
+    std::mutex m_OpenLock;     // one VideoInit or VideoFree at a time
 };
