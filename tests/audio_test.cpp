@@ -687,10 +687,6 @@ INSTANTIATE_TEST_SUITE_P(Simulator, SimulatorAudioTest,
                                            SimCase{"G722", camsim::AudioCodec::G722, 16000}),
                          [](const ::testing::TestParamInfo<SimCase>& i) { return std::string(i.param.name); });
 
-}  // namespace
-
-namespace {
-
 // A camera that announces its audio only with its first audio frame: the
 // reader reopens the audio decoder while the stream is still starting.
 // Every cycle must run one audio thread at a time, joined on close.

@@ -160,6 +160,13 @@ int NalType(const Bytes& u, size_t start) {
     return (u[hdr] >> 1) & 0x3F;
 }
 
+// Offset of the first slice NAL unit of an access unit (0 when none).
+size_t FirstSlice(const Bytes& u) {
+    for (size_t s : NalStarts(u))
+        if (NalType(u, s) < 32) return s;
+    return 0;
+}
+
 TEST(Ihw265dStatus, NoPictureUntilTheSliceArrives) {
     const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
     Decoder dec(320, 240);
@@ -170,12 +177,7 @@ TEST(Ihw265dStatus, NoPictureUntilTheSliceArrives) {
 
     // The key frame split into its parameter sets and SEI, then its slices.
     const Bytes& key = units[0];
-    size_t first_slice = 0;
-    for (size_t s : NalStarts(key))
-        if (NalType(key, s) < 32) {
-            first_slice = s;
-            break;
-        }
+    const size_t first_slice = FirstSlice(key);
     ASSERT_GT(first_slice, 0u);
     ASSERT_EQ(dec.Decode(Bytes(key.begin(), key.begin() + first_slice), &out), IHW265D_OK);
     EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_NO_PICTURE);
@@ -621,22 +623,13 @@ TEST(EngineH265, LargerPictureThanCreatedStopsTheThread) {
     EXPECT_EQ(run.sink().Count(), 10u);
 }
 
-}  // namespace
-
-namespace {
-
 TEST(EngineH265, KeyFrameWithoutPictureCountsAsDamaged) {
     // The first key frame arrives as two packets: its parameter sets and SEI
     // (flagged key: nothing to hand out yet), then its slices.
     std::vector<bool> keys;
     const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
     const Bytes key = WithMarker(units[0]);
-    size_t first_slice = 0;
-    for (size_t s : NalStarts(key))
-        if (NalType(key, s) < 32) {
-            first_slice = s;
-            break;
-        }
+    const size_t first_slice = FirstSlice(key);
     ASSERT_GT(first_slice, 0u);
     ASSERT_TRUE(keys[25]);
     DecodeThreadRun run(320, 240, false);
