@@ -32,7 +32,8 @@ public:
     CMotionDetector& operator=(const CMotionDetector&) = delete;
 
     // (Re)starts the detector for pictures of width x height packed 24-bit
-    // pixels, rows top to bottom. Each Init takes the next start phase of a
+    // pixels, rows top to bottom (smaller pictures, such as a sub stream's,
+    // are compared too). Each Init takes the next start phase of a
     // process-wide counter (1, 2, ... 15, 0, 1, ...) so that detectors of
     // different cameras test on different pictures. Returns 0, or -1 when
     // width * height <= 0. owner is the camera; it is only remembered.
