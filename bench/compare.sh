@@ -85,6 +85,15 @@ for n in $SWEEP; do
     run live_bench 180 --benchmark_filter="BM_Live"
 done
 
+# Live latency of stamped pictures, ours (smooth stream off and on) and the
+# ffmpeg and GStreamer low-latency readers.
+RUN_TAG=latency CAMCTL_LATENCY_TRIAL_S=${CAMCTL_LATENCY_TRIAL_S:-60} run latency_bench 420
+
+# Recording-only cameras: the HTTP count, then the RTSP sample against one
+# ffmpeg segmenting process per camera.
+RUN_TAG=record_scale CAMCTL_RECORD_N=${CAMCTL_RECORD_N:-200} CAMCTL_RECORD_REF_N=${CAMCTL_RECORD_REF_N:-8} \
+  CAMCTL_RECORD_TRIAL_S=${CAMCTL_RECORD_TRIAL_S:-60} run record_scale_bench 900
+
 # The camera-count search (60 s trials), when the camera benchmark exists.
 CAMCTL_BENCH_TRIAL_SECONDS=${CAMCTL_CAMERA_TRIAL_S:-60} CAMCTL_BENCH_MAX_TRIALS=${CAMCTL_CAMERA_TRIALS:-3} \
   run camera_bench 420
