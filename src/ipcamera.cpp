@@ -119,16 +119,29 @@ CIpCamera::~CIpCamera() {
 
 int CIpCamera::SetInfo(int id, const char* name, const char* sIpAddr) {
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  sIpAddr:%s SetInfo start ... ", GetId(),
-            m_szName, sIpAddr ? sIpAddr : "");
+            Name().c_str(), sIpAddr ? sIpAddr : "");
     m_nId.store(id, std::memory_order_relaxed);
-    BoundedPrint(m_szName, sizeof m_szName, "%s", name ? name : "");
+    {
+        std::lock_guard<std::mutex> lock(m_NameLock);
+        BoundedPrint(m_szName, sizeof m_szName, "%s", name ? name : "");
+        BoundedPrint(m_szIpAddr, sizeof m_szIpAddr, "%s", sIpAddr ? sIpAddr : "");
+    }
     {
         std::lock_guard<std::mutex> lock(m_MotionLock);
-        m_MotionDetector.SetOwnerName(m_szName);
+        m_MotionDetector.SetOwnerName(Name().c_str());
     }
-    BoundedPrint(m_szIpAddr, sizeof m_szIpAddr, "%s", sIpAddr ? sIpAddr : "");
-    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  SetInfo end ... ", GetId(), m_szName);
+    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  SetInfo end ... ", GetId(), Name().c_str());
     return 0;
+}
+
+std::string CIpCamera::Name() const {
+    std::lock_guard<std::mutex> lock(m_NameLock);
+    return m_szName;
+}
+
+bool CIpCamera::MatchesNameOrIp(const char* text) const {
+    std::lock_guard<std::mutex> lock(m_NameLock);
+    return text && (strcasecmp(m_szName, text) == 0 || strcasecmp(m_szIpAddr, text) == 0);
 }
 
 int CIpCamera::IpcLock() {
@@ -181,11 +194,12 @@ void CIpCamera::EndMainChange(const char* openedUrl) {
 // Closing and opening run outside the camera lock: closing waits for the
 // stream's decoding thread, which may itself be waiting for that lock.
 int CIpCamera::OpenMainStreamVideo(const char* url) {
+    std::lock_guard<std::mutex> change(m_MainStreamLock);
     const bool yuv = m_bYuvDisplay.load();
     char masked[kTextSize];
     MaskUrlCredentials(url, masked, sizeof masked);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo url:%s  start yuv:%d... ",
-            GetId(), m_szName, masked, yuv ? 1 : 0);
+            GetId(), Name().c_str(), masked, yuv ? 1 : 0);
     m_TimeManager.Reset();
     BeginMainChange();
     m_MainVideoSession.VideoFree();
@@ -196,11 +210,11 @@ int CIpCamera::OpenMainStreamVideo(const char* url) {
     EndMainChange(opened ? url : nullptr);
     if (opened) {
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo end suc context:0x%llx... ",
-                GetId(), m_szName, ContextAddr(&m_MainVideoSession));
+                GetId(), Name().c_str(), ContextAddr(&m_MainVideoSession));
         return 0;
     }
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo fail ... ", GetId(),
-            m_szName);
+            Name().c_str());
     return -1;
 }
 
@@ -209,7 +223,7 @@ int CIpCamera::OpenSubStreamVideo(const char* url) {
     char masked[kTextSize];
     MaskUrlCredentials(url, masked, sizeof masked);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo url:%s start ... ", GetId(),
-            m_szName, masked);
+            Name().c_str(), masked);
     bool usable = false;
     {
         std::lock_guard<std::recursive_mutex> lock(m_hLock);
@@ -224,7 +238,7 @@ int CIpCamera::OpenSubStreamVideo(const char* url) {
         if (HasSubStream()) CloseSubStreamVideo();
         m_pSubVideoSession.store(&m_MainVideoSession);
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo break init to m_MainVideoSession",
-                GetId(), m_szName);
+                GetId(), Name().c_str());
         return 0;
     }
     CloseSubStreamVideo();
@@ -244,7 +258,7 @@ int CIpCamera::OpenSubStreamVideo(const char* url) {
         }
         if (replaced) replaced->VideoFree();
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo end suc ... Context:0x%llx",
-                GetId(), m_szName, ctx);
+                GetId(), Name().c_str(), ctx);
         return 0;
     }
     {
@@ -254,7 +268,7 @@ int CIpCamera::OpenSubStreamVideo(const char* url) {
     session.reset();
     m_pSubVideoSession.store(&m_MainVideoSession);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo error init to m_MainVideoSession",
-            GetId(), m_szName);
+            GetId(), Name().c_str());
     return 0;
 }
 
@@ -266,21 +280,22 @@ int CIpCamera::GetOpenFailure(bool bMain, char* text, int size) {
 }
 
 int CIpCamera::CloseMainStreamVideo() {
+    std::lock_guard<std::mutex> change(m_MainStreamLock);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  CloseMainStreamVideo start ... ", GetId(),
-            m_szName);
+            Name().c_str());
     // A recording in progress is finished and renamed while its length is
     // still known.
     BeginMainChange();
     m_MainVideoSession.VideoFree();
     EndMainChange(nullptr);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  CloseMainStreamVideo end 222222222222222222 ... ",
-            GetId(), m_szName);
+            GetId(), Name().c_str());
     {
         std::lock_guard<std::mutex> lock(m_MotionLock);
         m_MotionDetector.Free();
     }
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  CloseMainStreamVideo end ... ", GetId(),
-            m_szName);
+            Name().c_str());
     {
         std::lock_guard<std::mutex> lock(m_CallbackLock);
         m_pfnVideoCallBack = nullptr;
@@ -292,7 +307,7 @@ int CIpCamera::CloseMainStreamVideo() {
 
 int CIpCamera::CloseSubStreamVideo() {
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) CloseSubStreamVideo start ... ", GetId(),
-            m_szName);
+            Name().c_str());
     std::unique_ptr<CUrlVideoSession> sub;
     {
         std::lock_guard<std::recursive_mutex> lock(m_hLock);
@@ -301,7 +316,7 @@ int CIpCamera::CloseSubStreamVideo() {
     }
     if (!sub) {
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) CloseSubStreamVideo break ... ", GetId(),
-                m_szName);
+                Name().c_str());
         return 0;
     }
     sub->VideoFree();
@@ -311,7 +326,7 @@ int CIpCamera::CloseSubStreamVideo() {
         m_MotionDetector.Free();
     }
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) CloseSubStreamVideo end ... ", GetId(),
-            m_szName);
+            Name().c_str());
     m_nWidth.store(0);
     m_nHeight.store(0);
     return 0;
@@ -390,7 +405,7 @@ float CIpCamera::getNetRate() {
 // Display
 
 int CIpCamera::StartDisplay(CDC* dc, int w, int h) {
-    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartDisplay start ... ", GetId(), m_szName);
+    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartDisplay start ... ", GetId(), Name().c_str());
     int width = -1, height = -1;
     {
         std::lock_guard<std::recursive_mutex> lock(m_hLock);
@@ -400,7 +415,7 @@ int CIpCamera::StartDisplay(CDC* dc, int w, int h) {
         }
     }
     m_Displayer.Start(dc, w, h, width, height, m_bMainYuv.load() ? 1 : 0);
-    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartDisplay end ... ", GetId(), m_szName);
+    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartDisplay end ... ", GetId(), Name().c_str());
     return 0;
 }
 
@@ -506,9 +521,9 @@ void CIpCamera::RunMotionDetection(unsigned char* buf, int width, int height, bo
             m_bMotionPlanar = planar;
             ApplyDetectMap();
         }
-        // The detector was started for the main stream's size; a picture of
-        // another size (a sub stream) is not compared with its reference.
-        if (width == m_nMotionWidth && height == m_nMotionHeight && width > 0 && height > 0) {
+        // The detector was started for the main stream's size; a sub stream's
+        // smaller pictures are scanned too, a larger picture is not.
+        if (width <= m_nMotionWidth && height <= m_nMotionHeight && width > 0 && height > 0) {
             if (unsigned char* picture = MotionPicture(buf, width, height, planar))
                 r = m_MotionDetector.MotionDetectRun(picture, width, height);
         }
@@ -537,7 +552,7 @@ void CIpCamera::WritePendingSnapshot(unsigned char* buf, int width, int height, 
         m_bImagePending = 0;
         m_szImagePath[0] = '\0';
     }
-    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  SaveBmp  Path:%s start ... ", GetId(), m_szName,
+    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  SaveBmp  Path:%s start ... ", GetId(), Name().c_str(),
             path);
     if (path[0] != '\0' && width > 0 && height > 0) {
         if (planar) {
@@ -565,7 +580,7 @@ int CIpCamera::DoVideoBuffer(CVideoSession* session, unsigned char* buf, int wid
     if (oldW == 0 || oldH == 0 || oldW != width || oldH != height) {
         trc_log(__FILE__, __LINE__, "",
                 "Camera(id:%d  name:%s)  m_nWidth(%d) != width(%d) || m_nHeight(%d) != height(%d) ... ",
-                GetId(), m_szName, oldW, width, oldH, height);
+                GetId(), Name().c_str(), oldW, width, oldH, height);
         int w = -1, h = -1;
         {
             std::lock_guard<std::recursive_mutex> lock(m_hLock);
@@ -586,7 +601,7 @@ int CIpCamera::DoVideoBuffer(CVideoSession* session, unsigned char* buf, int wid
         }
         if (rc != 0)
             trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) Init Motion Dection Fail...", GetId(),
-                    m_szName);
+                    Name().c_str());
     }
     m_nWidth.store(width);
     m_nHeight.store(height);
@@ -638,7 +653,7 @@ int CIpCamera::OnTimer() {
 
 int CIpCamera::SetSaveDir(const char* root, const char* sub) {
     std::lock_guard<std::recursive_mutex> lock(m_hLock);
-    const std::string name = SafeComponent(m_szName);
+    const std::string name = SafeComponent(Name().c_str());
     if (!root) root = ".";
     if (sub) {
         BoundedPrint(m_szSaveDir, sizeof m_szSaveDir, "%s/%s/%s+%d/%s/", root, "VMS", name.c_str(),
@@ -648,7 +663,7 @@ int CIpCamera::SetSaveDir(const char* root, const char* sub) {
                  GetId());
     }
     if (!MakeDirectories(m_szSaveDir)) {
-        trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) SetSaveDir:%s break ... ", GetId(), m_szName,
+        trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) SetSaveDir:%s break ... ", GetId(), Name().c_str(),
                 m_szSaveDir);
         return -1;
     }
@@ -661,7 +676,7 @@ int CIpCamera::GetAviPath(char* out, int reason) {
     if (!out) return -1;
     std::lock_guard<std::recursive_mutex> lock(m_hLock);
     const struct tm t = LocalNow();
-    const std::string name = SafeComponent(m_szName);
+    const std::string name = SafeComponent(Name().c_str());
     char record[kTextSize];
     char day[kTextSize];
     MakeDir(m_szSaveDir);
@@ -678,7 +693,7 @@ int CIpCamera::GetImagePath(char* out, int type) {
     if (!out) return -1;
     std::lock_guard<std::recursive_mutex> lock(m_hLock);
     const struct tm t = LocalNow();
-    const std::string name = SafeComponent(m_szName);
+    const std::string name = SafeComponent(Name().c_str());
     char folder[kTextSize];
     char day[kTextSize];
     MakeDir(m_szSaveDir);
@@ -718,7 +733,7 @@ int CIpCamera::StartSaveAvi(int reason) {
         BoundedPrint(m_szAviPath, sizeof m_szAviPath, "%s", path);
         return 0;
     }
-    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartSaveAvi error ... ", GetId(), m_szName);
+    trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) StartSaveAvi error ... ", GetId(), Name().c_str());
     return -1;
 }
 

@@ -24,9 +24,7 @@ std::mutex& InstanceLock() {
     return lock;
 }
 
-bool MatchesText(CIpCamera* cam, const char* text) {
-    return strcasecmp(cam->GetName(), text) == 0 || strcasecmp(cam->GetIpAddr(), text) == 0;
-}
+bool MatchesText(CIpCamera* cam, const char* text) { return cam->MatchesNameOrIp(text); }
 
 }  // namespace
 

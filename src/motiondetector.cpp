@@ -122,6 +122,8 @@ CMotionDetector::CMotionDetector()
       m_nAreaPercent(50),
       m_nPixelDiff(35),
       m_nPreSize(0),
+      m_nPreWidth(0),
+      m_nPreHeight(0),
       m_pfnClock(SystemSeconds),
       m_pClockContext(nullptr),
       m_szOwnerName() {
@@ -149,6 +151,8 @@ int CMotionDetector::Init(void* owner, int width, int height) {
     m_pPreData.reset(new (std::nothrow) unsigned char[bytes]);
     if (m_pPreData) {
         m_nPreSize = bytes;
+        m_nPreWidth = width;
+        m_nPreHeight = height;
         std::memset(m_pPreData.get(), 0, bytes);
     } else {
         m_nPreSize = 0;
@@ -173,6 +177,7 @@ int CMotionDetector::Free() {
     m_pOwner = nullptr;
     m_pPreData.reset();
     m_nPreSize = 0;
+    m_nPreWidth = m_nPreHeight = 0;
     return 0;
 }
 
@@ -222,12 +227,12 @@ int64_t CMotionDetector::Now() const {
 }
 
 bool CMotionDetector::HasReferenceFor(int width, int height) const {
-    return m_pPreData && width > 0 && height > 0 &&
-           static_cast<size_t>(width) * static_cast<size_t>(height) * 3 == m_nPreSize;
+    return m_pPreData && width > 0 && height > 0 && width <= m_nPreWidth && height <= m_nPreHeight;
 }
 
 void CMotionDetector::StoreReference(const unsigned char* picture, int width, int height) {
-    if (picture && HasReferenceFor(width, height)) std::memcpy(m_pPreData.get(), picture, m_nPreSize);
+    if (picture && HasReferenceFor(width, height))
+        std::memcpy(m_pPreData.get(), picture, static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
 }
 
 int CMotionDetector::MotionDetectRun(unsigned char* picture, int width, int height) {
@@ -292,10 +297,11 @@ bool CMotionDetector::AlgMotionWinDetect(unsigned char* picture, int width, int 
     if (needed <= 0) return true;  // 4 x changed >= needed holds with no change at all
     if (walk.rows == 0 || walk.samples == 0) return false;
 
-    // The walk must stay inside the picture: the last byte it touches.
+    // The walk must stay inside the picture (and so inside the reference,
+    // which is at least as large): the last byte it touches.
     const size_t last = static_cast<size_t>(offset) + (walk.rows - 1) * walk.rowStep +
                         static_cast<size_t>(walk.samples - 1) * 6 + 2;
-    if (last >= m_nPreSize) return false;
+    if (last >= static_cast<size_t>(width) * static_cast<size_t>(height) * 3) return false;
 
     const unsigned char* cur = picture + offset;
     const unsigned char* ref = m_pPreData.get() + offset;

@@ -6,7 +6,8 @@
 #include "engine/engine.h"
 #include "runtime/trc_log.h"
 
-TRC_DEFINE_UNIT();
+trc_unit g_trcSessionUnit;
+TRC_USE_UNIT(g_trcSessionUnit);
 
 CUrlVideoSession::CUrlVideoSession() : m_szName(), m_szReserved() { m_bFileSession = 0; }
 

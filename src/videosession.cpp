@@ -58,6 +58,7 @@ int CVideoSession::FrameWait(FFMpegContext* ctx) {
 }
 
 int CVideoSession::VideoInit(void* owner, const char* url) {
+    std::lock_guard<std::mutex> lock(m_OpenLock);
     if (m_bOpen) {
         SetOpenFailure(CAMCTL_OPEN_OTHER, "the session is already open (its stream is kept)");
         return -1;
@@ -96,8 +97,8 @@ int CVideoSession::GetOpenFailure(char* text, int size) const {
 }
 
 int CVideoSession::VideoFree() {
-    if (!m_bOpen) return -1;
-    m_bOpen = 0;
+    std::lock_guard<std::mutex> lock(m_OpenLock);
+    if (!m_bOpen.exchange(0)) return -1;  // only one caller closes the context
     // Stop the threads first, then wake a decode thread waiting for its
     // release: woken after the flag is down, it cannot start another wait.
     m_pContext->m_bRunning = 0;

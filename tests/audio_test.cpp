@@ -328,35 +328,63 @@ TEST(AudioClock, AnchorContinueJumpAndDrop) {
     ASSERT_EQ(h.Push(1), 1);
     ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 1; }, 2000));
     EXPECT_EQ(ctx->m_bAudioClock, 1);
-    EXPECT_EQ(ctx->m_nAudioRefTick, 0u);
+    EXPECT_EQ(ctx->m_AudioClock.Load().refTick, 0u);
 
     uint64_t before = os_tick_count64();
     ASSERT_EQ(h.Push(1), 1);
     ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 2; }, 2000));
-    uint64_t ref_tick = ctx->m_nAudioRefTick;
-    uint64_t ref_pts = ctx->m_nAudioRefPts;
+    const AudioClock::State anchored = ctx->m_AudioClock.Load();
+    const uint64_t ref_tick = anchored.refTick, ref_pts = anchored.refPts;
     EXPECT_GE(ref_tick, before);
     EXPECT_LE(ref_tick, os_tick_count64());
     ASSERT_GT(ref_pts, 0u);
-    EXPECT_GT(ctx->m_nAudioClock, ref_tick);  // the end of that block
-    ctx->m_nVideoOffset = 777;
+    EXPECT_GT(anchored.clock, ref_tick);  // the end of that block
+    ctx->m_AudioClock.Update([](AudioClock::State& c) { c.videoOffset = 777; });
 
     ASSERT_EQ(h.Push(3), 3);
     ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 5; }, 2000));
-    EXPECT_EQ(ctx->m_nAudioRefTick, ref_tick);
-    EXPECT_EQ(ctx->m_nAudioRefPts, ref_pts);
-    EXPECT_EQ(ctx->m_nVideoOffset, 777u);
+    AudioClock::State c = ctx->m_AudioClock.Load();
+    EXPECT_EQ(c.refTick, ref_tick);
+    EXPECT_EQ(c.refPts, ref_pts);
+    EXPECT_EQ(c.videoOffset, 777u);
 
     // Ten seconds ahead of the stream.
     ASSERT_EQ(h.Push(1, 80000), 1);
     ASSERT_TRUE(WaitFor([&] { return h.sink().blocks() == 6; }, 2000));
-    EXPECT_GT(ctx->m_nAudioRefPts, ref_pts + 9000);
-    EXPECT_EQ(ctx->m_nVideoOffset, 0u);
+    c = ctx->m_AudioClock.Load();
+    EXPECT_GT(c.refPts, ref_pts + 9000);
+    EXPECT_EQ(c.videoOffset, 0u);
 
     ASSERT_TRUE(WaitFor([&] { return ctx->m_bAudioClock == 0; }, 5000));
-    EXPECT_EQ(ctx->m_nAudioRefTick, 0u);
-    EXPECT_EQ(ctx->m_nAudioRefPts, 0u);
-    EXPECT_EQ(ctx->m_nAudioClock, 0u);
+    c = ctx->m_AudioClock.Load();
+    EXPECT_EQ(c.refTick, 0u);
+    EXPECT_EQ(c.refPts, 0u);
+    EXPECT_EQ(c.clock, 0u);
+}
+
+// The audio thread anchors the clock (tick, time and end move together)
+// while the reader resets it and the video thread reads it: every read is
+// one whole state, never half of one update and half of another.
+TEST(AudioClock, ReadsNeverSeeHalfAnUpdate) {
+    AudioClock clock;
+    std::atomic<bool> done{false};
+    std::thread audio([&] {
+        for (uint64_t t = 1; t <= 20000; ++t)
+            clock.Update([t](AudioClock::State& c) { c = {1000 + t, t, 1040 + t, 0}; });
+        done = true;
+    });
+    std::thread reader([&] {
+        while (!done) clock.Reset();
+    });
+    int torn = 0;
+    while (!done) {
+        const AudioClock::State c = clock.Load();
+        const bool reset = c.refTick == 0 && c.refPts == 0 && c.clock == 0;
+        torn += !reset && (c.refTick - c.refPts != 1000 || c.clock != c.refTick + 40);
+    }
+    audio.join();
+    reader.join();
+    EXPECT_EQ(torn, 0);
 }
 
 // With decoding switched off packets are consumed, the clock flag is set,
@@ -449,7 +477,8 @@ public:
     int DoVideoBuffer(unsigned char*, int, int) override {
         FFMpegContext* c = ctx.load();
         if (!c || !c->m_bAudioClock) return 0;
-        const uint64_t ref_tick = c->m_nAudioRefTick, ref_pts = c->m_nAudioRefPts, offset = c->m_nVideoOffset;
+        const AudioClock::State clock = c->m_AudioClock.Load();
+        const uint64_t ref_tick = clock.refTick, ref_pts = clock.refPts, offset = clock.videoOffset;
         if (!ref_tick || !ref_pts || !offset) return 0;
         // Same 32-bit tick arithmetic as the pacing itself (90 kHz video).
         const uint32_t t = static_cast<uint32_t>(c->m_nLastVideoPts.load() * 1000 / 90000);
@@ -657,5 +686,27 @@ INSTANTIATE_TEST_SUITE_P(Simulator, SimulatorAudioTest,
                                            SimCase{"G726", camsim::AudioCodec::G726, 8000},
                                            SimCase{"G722", camsim::AudioCodec::G722, 16000}),
                          [](const ::testing::TestParamInfo<SimCase>& i) { return std::string(i.param.name); });
+
+// A camera that announces its audio only with its first audio frame: the
+// reader reopens the audio decoder while the stream is still starting.
+// Every cycle must run one audio thread at a time, joined on close.
+TEST(SessionAudio, AudioAnnouncedLate_OpenCloseCycles) {
+    camsim::Options o;
+    o.pattern.width = 160;
+    o.pattern.height = 120;
+    o.pattern.audio = camsim::AudioCodec::Mulaw;
+    o.audio_announced_late = true;
+    camsim::Server server(o);
+    std::string error;
+    ASSERT_TRUE(server.Start(&error)) << error;
+    for (int i = 0; i < 20; ++i) {
+        ToneSession s;
+        ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
+        ASSERT_EQ(s.SetDecodeEnbale(1), 0);
+        ASSERT_TRUE(WaitFor([&] { return s.audio.Count() > 0; }, 8000)) << "cycle " << i;
+        EXPECT_EQ(s.audio.Rate(), 8000);
+        s.VideoFree();
+    }
+}
 
 }  // namespace

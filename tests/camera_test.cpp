@@ -539,6 +539,20 @@ TEST_F(LiveCameraTest, Motion_SceneSwitchRecordsAndTakesSnapshot) {
     EXPECT_LE(len, 7);
 }
 
+TEST_F(LiveCameraTest, Motion_DetectedOnSubStreamPicturesAlone) {
+    // The usual grid view: only the smaller sub stream is decoded; the
+    // detector, started at the main stream's size, scans its pictures.
+    cam_->SetMotionSaveType(0, 1, 2);
+    cam_->NotifyMotionSave(1);
+    OpenSim(Pattern(480, 360));
+    camsim::Server sub(Pattern(320, 240, 50));
+    ASSERT_TRUE(sub.Start());
+    ASSERT_EQ(cam_->OpenSubStreamVideo(sub.Url().c_str()), 0);
+    ASSERT_TRUE(cam_->HasSubStream());
+    ASSERT_EQ(cam_->SetDecodeEnable(false, true), 0);
+    EXPECT_TRUE(WaitFor([&] { return cam_->GetMotionCount() >= 1; }, 10000));
+}
+
 TEST_F(LiveCameraTest, Snapshot_BurstOfThreeOneSecondApart) {
     OpenSim(Pattern(320, 240));
     // The timer asks for the next picture of a burst once time()'s whole
@@ -618,6 +632,35 @@ TEST_F(LiveCameraTest, Schedule_StartsAfterFirstChecksResumesAfterMotionAndStops
     ASSERT_EQ(files.size(), 3u) << ::testing::PrintToString(files);
     EXPECT_EQ(std::count(reasons.begin(), reasons.end(), '4'), 2) << reasons;
     EXPECT_EQ(std::count(reasons.begin(), reasons.end(), '2'), 1) << reasons;
+}
+
+TEST_F(LiveCameraTest, Streams_TwoHostThreadsOpenAndCloseWhileTheNameChanges) {
+    sim_ = std::make_unique<camsim::Server>(Pattern(160, 120));
+    ASSERT_TRUE(sim_->Start());
+    const std::string url = sim_->Url();
+    std::atomic<int> cycling{2};
+    auto cycle = [&] {
+        for (int i = 0; i < 15; ++i) {
+            cam_->OpenMainStreamVideo(url.c_str());
+            cam_->CloseMainStreamVideo();
+        }
+        --cycling;
+    };
+    std::thread a(cycle), b(cycle);
+    for (int i = 0; cycling.load() > 0; ++i) {
+        const char* name = i % 2 ? "north" : "south";
+        cam_->SetInfo(3, name, "127.0.0.1");
+        EXPECT_EQ(mgr_->GetIpCamera(name), cam_);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    a.join();
+    b.join();
+    // Still a working camera.
+    ASSERT_EQ(cam_->OpenMainStreamVideo(url.c_str()), 0);
+    cam_->SetVideoBufCallBack(&OnVideo, &view_);
+    ASSERT_EQ(cam_->SetDecodeEnable(true, true), 0);
+    const int seen = view_.Count();
+    EXPECT_TRUE(WaitFor([&] { return view_.Count() >= seen + 3; }, 8000));
 }
 
 TEST_F(LiveCameraTest, SubStream_RulesAndDecodeSwitch) {

@@ -268,23 +268,20 @@ TEST(EnginePacingTest, SyncVideoToAudio_SleepsUntilDueOnTheAudioClock) {
     // Private HTTP source, millisecond stamps: audio stamp 1000 played 100 ms
     // ago, so video stamp 1300 is due in 200 ms.
     ctx->m_bHttpSource = 1;
-    ctx->m_nAudioClock = 1;
-    ctx->m_nAudioRefTick = now - 100;
-    ctx->m_nAudioRefPts = 1000;
+    ctx->m_AudioClock.Store({now - 100, 1000, 1, 0});
     long long waited = camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 1300); });
     EXPECT_GE(waited, 170);
     EXPECT_LE(waited, 400);
     EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900); }), 20);  // late: at once
-    ctx->m_nAudioRefTick = os_tick_count() + 5000;  // reference in the future
+    ctx->m_AudioClock.Store({os_tick_count() + 5000, 1000, 1, 0});  // reference in the future
     EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 90000); }), 20);
 
     // 90 kHz stamps: the first packet sets the offset and is due at once; one
     // 9000 ticks later is due 100 ms after it.
     ctx->m_bHttpSource = 0;
-    ctx->m_nAudioRefTick = os_tick_count();
-    ctx->m_nAudioRefPts = 1;
+    ctx->m_AudioClock.Store({os_tick_count(), 1, 1, 0});
     EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), 20);
-    EXPECT_NE(ctx->m_nVideoOffset, 0u);
+    EXPECT_NE(ctx->m_AudioClock.Load().videoOffset, 0u);
     waited = camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 909000); });
     EXPECT_GE(waited, 70);
     EXPECT_LE(waited, 300);

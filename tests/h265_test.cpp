@@ -160,6 +160,13 @@ int NalType(const Bytes& u, size_t start) {
     return (u[hdr] >> 1) & 0x3F;
 }
 
+// Offset of the first slice NAL unit of an access unit (0 when none).
+size_t FirstSlice(const Bytes& u) {
+    for (size_t s : NalStarts(u))
+        if (NalType(u, s) < 32) return s;
+    return 0;
+}
+
 TEST(Ihw265dStatus, NoPictureUntilTheSliceArrives) {
     const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2));
     Decoder dec(320, 240);
@@ -170,12 +177,7 @@ TEST(Ihw265dStatus, NoPictureUntilTheSliceArrives) {
 
     // The key frame split into its parameter sets and SEI, then its slices.
     const Bytes& key = units[0];
-    size_t first_slice = 0;
-    for (size_t s : NalStarts(key))
-        if (NalType(key, s) < 32) {
-            first_slice = s;
-            break;
-        }
+    const size_t first_slice = FirstSlice(key);
     ASSERT_GT(first_slice, 0u);
     ASSERT_EQ(dec.Decode(Bytes(key.begin(), key.begin() + first_slice), &out), IHW265D_OK);
     EXPECT_EQ(out.uiDecodeStatus, IHW265D_STATUS_NO_PICTURE);
@@ -539,12 +541,15 @@ public:
         ctx_->m_bRunning = 1;
     }
     ~DecodeThreadRun() {
-        ctx_->m_bRunning = 0;
-        if (thread_) {
-            os_thread_join(thread_);
-            os_thread_free(thread_);
-        }
+        Stop();
         FFMpegContextFree(ctx_);
+    }
+    // Stops and joins the thread: every packet it took has been handled.
+    void Stop() {
+        ctx_->m_bRunning = 0;
+        if (thread_) os_thread_join(thread_);
+        os_thread_free(thread_);
+        thread_ = nullptr;
     }
     void Push(const Bytes& data, bool key) {
         camctl::PacketPtr pkt = camctl::MakePacket();
@@ -616,6 +621,29 @@ TEST(EngineH265, LargerPictureThanCreatedStopsTheThread) {
     ASSERT_TRUE(stopped);
     EXPECT_NE(log.find("maybe resolution change to big one====="), std::string::npos);
     EXPECT_EQ(run.sink().Count(), 10u);
+}
+
+TEST(EngineH265, KeyFrameWithoutPictureCountsAsDamaged) {
+    // The first key frame arrives as two packets: its parameter sets and SEI
+    // (flagged key: nothing to hand out yet), then its slices.
+    std::vector<bool> keys;
+    const std::vector<Bytes> units = ReadAccessUnits(HevcFixture(320, 240, 2), &keys);
+    const Bytes key = WithMarker(units[0]);
+    const size_t first_slice = FirstSlice(key);
+    ASSERT_GT(first_slice, 0u);
+    ASSERT_TRUE(keys[25]);
+    DecodeThreadRun run(320, 240, false);
+    run.Push(Bytes(key.begin(), key.begin() + first_slice), true);
+    run.Push(Bytes(key.begin() + first_slice, key.end()), false);
+    for (size_t i = 1; i < units.size(); ++i) run.Push(units[i], keys[i]);
+    testing::internal::CaptureStderr();
+    run.Start();
+    EXPECT_TRUE(WaitFor([&] { return run.Drained() && run.sink().Count() >= units.size() - 1; }));
+    run.Stop();
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("=======nIsBadFrame======="), std::string::npos);
+    // Every picture but the next key frame's, which the damaged one withholds.
+    EXPECT_EQ(run.sink().Count(), units.size() - 1);
 }
 
 }  // namespace

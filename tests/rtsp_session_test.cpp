@@ -185,6 +185,39 @@ TEST_F(RtspTest, FrozenServer_ReadTimeoutEndsReader) {
     server->Thaw();
 }
 
+TEST_F(RtspTest, PlaybackPausedLongerThanAReadThenSought_GoesOn) {
+    auto server = Start({{"/playback/clip", RtspServer::Mpeg4File(Mpeg4Mkv())}});
+    ASSERT_TRUE(server->ok());
+    camctl_test::LoggingFileSession s;
+    ASSERT_EQ(s.Open(server->Url("/playback/clip"), 0), 0) << server->Log();
+    ASSERT_GE(s.GetTotalDuration(), 5) << "the server announces the clip's length";
+    ASSERT_TRUE(s.log.WaitForCount(3, 8000));
+    ASSERT_EQ(s.Pause(), 0);
+    // The pause outlasts a read's deadline; the seek gets one of its own.
+    std::this_thread::sleep_for(std::chrono::milliseconds(kNetReadTimeoutMs + 1000));
+    ASSERT_EQ(s.SeekTime(10), 0);
+    const int seen = s.log.Count();
+    ASSERT_EQ(s.Resume(), 0);
+    EXPECT_TRUE(s.log.WaitForCount(seen + 30, 10000)) << s.log.Count() - seen;
+    EXPECT_FALSE(s.IsPlayFinish());
+}
+
+TEST_F(RtspTest, FirstKeyFrameAfterTheOpenDeadline_ProbeEndsAndTheStreamGoesOn) {
+    // A camera joined between key frames: 14 s of 15 fps pictures that need
+    // a key frame before them. The probe's 200 packets take longer than an
+    // open's deadline and give no picture.
+    const std::string clip = Fixture("rtsp_h264_late_key.mkv",
+                                     "-f lavfi -i testsrc2=size=160x120:rate=15 -t 30 -c:v libx264 "
+                                     "-preset ultrafast -bf 0 -g 225 -pix_fmt yuv420p -bsf:v 'noise=drop=lt(n\\,15)'");
+    auto server = Start({{"/late", "( filesrc location=" + clip +
+                                       " ! matroskademux ! h264parse ! rtph264pay name=pay0 pt=96 config-interval=1 )"}});
+    ASSERT_TRUE(server->ok());
+    TestUrlSession s;
+    ASSERT_EQ(s.Open(server->Url("/late"), 0), 0) << server->Log();
+    EXPECT_TRUE(PictureLog::WaitUntil([&] { return s.GetNetRateInfo() > 0; }, 6000));
+    EXPECT_FALSE(s.IsPlayFinish());
+}
+
 TEST_F(RtspTest, Credentials_NeverLoggedInClear) {
     auto server = Start({{"/h264", RtspServer::H264(160, 120, 25, 25)}});
     ASSERT_TRUE(server->ok());

@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "camctl/MotionDetector.h"
@@ -61,8 +62,12 @@ public:
     // --- identity and simple settings
     int SetInfo(int id, const char* name, const char* sIpAddr);
     int GetId() const { return m_nId.load(std::memory_order_relaxed); }
+    /// The name itself: not to be read while another thread calls SetInfo.
     const char* GetName() const { return m_szName; }
     const char* GetIpAddr() const { return m_szIpAddr; }
+    /// The name, or else the IP address, equals text without regard to
+    /// letter case; safe against a concurrent SetInfo.
+    bool MatchesNameOrIp(const char* text) const;
     bool GetActive() const { return m_bActive.load(std::memory_order_relaxed); }
     void SetActive(bool active) { m_bActive.store(active, std::memory_order_relaxed); }
     int IpcLock();
@@ -165,7 +170,12 @@ private:
     // events) off the main session until EndMainChange.
     void BeginMainChange();
     void EndMainChange(const char* openedUrl);
+    // A copy of the name, for log lines and file names.
+    std::string Name() const;
 
+    // Held across a whole open or close of the main stream (taken before the
+    // camera lock): two host threads never open or close it at once.
+    std::mutex m_MainStreamLock;
     std::atomic<bool> m_bActive{false};
     std::atomic<bool> m_bYuvDisplay{false};
     std::atomic<int32_t> m_nSmoothStream{0};
@@ -210,6 +220,7 @@ private:
     int32_t m_nSubOpenFailure = CAMCTL_OPEN_OK;
     char m_szSubOpenFailure[256] = {};
     std::atomic<int32_t> m_nId{-1};
+    mutable std::mutex m_NameLock;  // guards m_szName and m_szIpAddr (written by SetInfo)
     char m_szName[256] = {};
     char m_szIpAddr[256] = {};
     char m_szSaveDir[256] = {};

@@ -33,7 +33,8 @@ public:
     CMotionDetector& operator=(const CMotionDetector&) = delete;
 
     /// (Re)starts the detector for pictures of width x height packed 24-bit
-    /// pixels, rows top to bottom. Each Init takes the next start phase of a
+    /// pixels, rows top to bottom (smaller pictures, such as a sub stream's,
+    /// are compared too). Each Init takes the next start phase of a
     /// process-wide counter (1, 2, ... 15, 0, 1, ...) so that detectors of
     /// different cameras test on different pictures. Returns 0, or -1 when
     /// width * height <= 0. owner is the camera; it is only remembered.
@@ -82,8 +83,11 @@ public:
     size_t GetReferenceSize() const { return m_nPreSize; }
 
 private:
-    // Copies the picture into the reference when it has the reference's size.
+    // Copies the picture into the first bytes of the reference when it
+    // fits (see HasReferenceFor).
     void StoreReference(const unsigned char* picture, int width, int height);
+    // A picture is compared when it is no wider and no taller than the size
+    // the detector was started for (a sub stream's pictures are smaller).
     bool HasReferenceFor(int width, int height) const;
     int64_t Now() const;
 
@@ -104,6 +108,8 @@ private:
     std::atomic<int32_t> m_nPixelDiff;
 
     size_t m_nPreSize;  // bytes of m_pPreData
+    int32_t m_nPreWidth;   // size given to Init
+    int32_t m_nPreHeight;
     SecondsSource m_pfnClock;
     void* m_pClockContext;
     mutable std::mutex m_NameLock;  // guards m_szOwnerName

@@ -83,6 +83,7 @@ protected:
     int32_t m_nCondCount;      ///< SendVideoCond calls since the last release
     int32_t m_nSmoothStream;
     int32_t m_nCondAdjust;     ///< correction added to the frame interval
+    std::mutex m_OpenLock;     ///< one VideoInit or VideoFree at a time
 
 private:
     void SetOpenFailure(int reason, const char* text);

@@ -193,10 +193,10 @@ struct AudioClockState {
     uint64_t last_anchor_tick = 0;
 };
 
-void AnchorAudioClock(FFMpegContext* ctx, AudioClockState& st, uint64_t t, uint64_t now, uint64_t d) {
-    ctx->m_nAudioRefTick.store(now, std::memory_order_relaxed);
-    ctx->m_nAudioRefPts.store(t, std::memory_order_relaxed);
-    ctx->m_nAudioClock.store(now + d, std::memory_order_relaxed);
+void AnchorAudioClock(AudioClock::State& clock, AudioClockState& st, uint64_t t, uint64_t now, uint64_t d) {
+    clock.refTick = now;
+    clock.refPts = t;
+    clock.clock = now + d;
     st.last_anchor_time = t;
     st.last_anchor_tick = now;
 }
@@ -205,33 +205,29 @@ void AnchorAudioClock(FFMpegContext* ctx, AudioClockState& st, uint64_t t, uint6
 // t was delivered. A jump in time or a late block re-anchors the clock and
 // asks the video side to re-anchor too (video offset 0).
 void UpdateAudioClock(FFMpegContext* ctx, AudioClockState& st, uint64_t t, uint64_t d) {
-    uint64_t now = os_tick_count64();
-    uint64_t ref_tick = ctx->m_nAudioRefTick.load(std::memory_order_relaxed);
-    uint64_t ref_pts = ctx->m_nAudioRefPts.load(std::memory_order_relaxed);
-    if (ref_tick == 0 || ref_pts == 0 || st.last_anchor_time == 0 || st.last_anchor_tick == 0) {
-        AnchorAudioClock(ctx, st, t, now, d);
-        return;
-    }
-    uint64_t clock = ref_tick - ref_pts + t + d;
-    ctx->m_nAudioClock.store(clock, std::memory_order_relaxed);
-    bool continuous = now - st.last_anchor_tick < 2001 &&
-                      static_cast<int64_t>(t - st.last_anchor_time) <= static_cast<int64_t>(2 * d) &&
-                      static_cast<int64_t>(now - clock) <= static_cast<int64_t>(d);
-    if (continuous) {
-        st.last_anchor_time = t;
-        st.last_anchor_tick = now;
-        return;
-    }
-    AnchorAudioClock(ctx, st, t, now, d);
-    ctx->m_nVideoOffset.store(0, std::memory_order_relaxed);
+    const uint64_t now = os_tick_count64();
+    ctx->m_AudioClock.Update([&](AudioClock::State& clock) {
+        if (clock.refTick == 0 || clock.refPts == 0 || st.last_anchor_time == 0 || st.last_anchor_tick == 0) {
+            AnchorAudioClock(clock, st, t, now, d);
+            return;
+        }
+        clock.clock = clock.refTick - clock.refPts + t + d;
+        const bool continuous = now - st.last_anchor_tick < 2001 &&
+                                static_cast<int64_t>(t - st.last_anchor_time) <= static_cast<int64_t>(2 * d) &&
+                                static_cast<int64_t>(now - clock.clock) <= static_cast<int64_t>(d);
+        if (continuous) {
+            st.last_anchor_time = t;
+            st.last_anchor_tick = now;
+            return;
+        }
+        AnchorAudioClock(clock, st, t, now, d);
+        clock.videoOffset = 0;
+    });
 }
 
 void DropAudioClock(FFMpegContext* ctx) {
     ctx->m_bAudioClock.store(0, std::memory_order_relaxed);
-    ctx->m_nAudioRefTick.store(0, std::memory_order_relaxed);
-    ctx->m_nAudioRefPts.store(0, std::memory_order_relaxed);
-    ctx->m_nAudioClock.store(0, std::memory_order_relaxed);
-    ctx->m_nVideoOffset.store(0, std::memory_order_relaxed);
+    ctx->m_AudioClock.Reset();
 }
 
 bool KeepRunning(const FFMpegContext* ctx) {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
 #include "engine/h265/ihw265d_handle.h"
 #include "runtime/os.h"
@@ -85,14 +86,12 @@ struct FFMpegContext {
     uint32_t m_nRecvLen = 0;
     uint32_t m_nRecvPos = 0;
 
-    // Audio clock (written by the audio thread, read by the video thread).
+    // Audio clock (moved by the audio thread, reset by the reader, followed
+    // by the video thread); m_bAudioClock: audio packets are arriving.
     std::atomic<int32_t> m_bAudioClock{0};
     std::atomic<int32_t> m_nAudioSampleRate{0};
     int32_t m_bHttpSource = 0;
-    std::atomic<uint64_t> m_nAudioRefTick{0};
-    std::atomic<uint64_t> m_nAudioRefPts{0};
-    std::atomic<uint64_t> m_nAudioClock{0};
-    std::atomic<uint64_t> m_nVideoOffset{0};
+    AudioClock m_AudioClock;
 
     // Blocking-I/O guard read by the demuxer's interrupt callback: I/O gives
     // up once m_bAbortIo is set (by FFMpegContextDestroy) or the tick count

@@ -77,11 +77,14 @@ void CountVideoPacket(FFMpegContext* ctx, ReaderState& st, const AVPacket* pkt) 
 }
 
 // Carries out a pending seek. False when the target lies beyond the end.
-bool ApplySeek(FFMpegContext* ctx, int64_t target) {
+bool ApplySeek(FFMpegContext* ctx, int64_t target, bool network) {
     FlushVideoPackets(ctx);
     int64_t seconds = target * ctx->m_nTimeBaseNum / ctx->m_nTimeBaseDen;
     if (seconds > ctx->m_nDurationSec) return false;
-    av_seek_frame(ctx->m_pFormatCtx.get(), ctx->m_nVideoIndex, target, AVSEEK_FLAG_BACKWARD);
+    {
+        const ScopedIoDeadline deadline(ctx, network, kNetReadTimeoutMs);
+        av_seek_frame(ctx->m_pFormatCtx.get(), ctx->m_nVideoIndex, target, AVSEEK_FLAG_BACKWARD);
+    }
     ctx->m_nSeekTarget = 0;
     return true;
 }
@@ -90,15 +93,13 @@ void OnOverflow(FFMpegContext* ctx, ReaderState& st, int count) {
     os_print("GetAVPktListElmCount :%d", count);
     FlushVideoPackets(ctx);
     FlushAudioPackets(ctx);
-    ctx->m_nVideoOffset = 0;
-    ctx->m_nAudioRefTick = 0;
-    ctx->m_nAudioRefPts = 0;
+    ctx->m_AudioClock.Reset();
     st.dropUntilKey = true;
 }
 
 // Reads the next packet. False ends the reader (after logging why).
 bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt) {
-    if (network) ArmIoDeadline(ctx, kNetReadTimeoutMs);
+    const ScopedIoDeadline deadline(ctx, network, kNetReadTimeoutMs);
     if (ctx->m_bHttpFrame) {
         int audioChanged = 0;
         int newAudioCodec = 0;
@@ -156,7 +157,7 @@ void* ReadThreadProc(void* arg) {
             continue;
         }
         int64_t target = ctx->m_nSeekTarget;
-        if (target > 0 && !ApplySeek(ctx, target)) {
+        if (target > 0 && !ApplySeek(ctx, target, network)) {
             os_print("Seek error time-period:%d", int(time(nullptr) - st.lastPacketTime));
             break;
         }
@@ -192,21 +193,25 @@ void* ReadThreadProc(void* arg) {
 }
 
 int SyncVideoToAudio(FFMpegContext* ctx, int64_t pts) {
-    const uint32_t refPts = uint32_t(ctx->m_nAudioRefPts.load());
-    const uint32_t refTick = uint32_t(ctx->m_nAudioRefTick.load());
-    if (!ctx->m_nAudioRefPts || !ctx->m_nAudioRefTick || !ctx->m_nAudioClock) return 0;
     const uint32_t now = os_tick_count();
-    if (now == 0) return 0;
-    if (int32_t(refTick - now) > 0) return 0;  // the audio reference lies ahead
-
-    uint32_t due;
-    if (ctx->m_bHttpSource) {
-        due = refTick - refPts + uint32_t(pts);  // millisecond timestamps
-    } else {
-        const uint32_t t = uint32_t(pts * 1000 / 90000);  // 90 kHz timestamps
-        if (ctx->m_nVideoOffset == 0) ctx->m_nVideoOffset = uint32_t(refTick - refPts - now + t);
-        due = refTick - refPts - uint32_t(ctx->m_nVideoOffset.load()) + t;
-    }
+    bool known = false;
+    uint32_t due = 0;
+    // One look at the clock (and, the first time, the offset taken from it).
+    ctx->m_AudioClock.Update([&](AudioClock::State& clock) {
+        if (!clock.refPts || !clock.refTick || !clock.clock || now == 0) return;
+        const uint32_t refPts = uint32_t(clock.refPts);
+        const uint32_t refTick = uint32_t(clock.refTick);
+        if (int32_t(refTick - now) > 0) return;  // the audio reference lies ahead
+        known = true;
+        if (ctx->m_bHttpSource) {
+            due = refTick - refPts + uint32_t(pts);  // millisecond timestamps
+        } else {
+            const uint32_t t = uint32_t(pts * 1000 / 90000);  // 90 kHz timestamps
+            if (clock.videoOffset == 0) clock.videoOffset = uint32_t(refTick - refPts - now + t);
+            due = refTick - refPts - uint32_t(clock.videoOffset) + t;
+        }
+    });
+    if (!known) return 0;
     // Slept in slices so that closing the context is never held up.
     for (int32_t wait = int32_t(due - os_tick_count()); wait > 0 && ctx->m_bRunning;
          wait = int32_t(due - os_tick_count()))

@@ -146,16 +146,23 @@ int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AV
 // Reads up to kProbePackets packets and decodes video until a picture comes
 // out; its size becomes the context's size. A key frame that gave the
 // picture is queued so the stream starts with it (MJPEG pictures stand
-// alone and need no such help).
-void ProbePictureSize(FFMpegContext* ctx) {
+// alone and need no such help). The probe ends on a count of packets, not
+// on time: each read has a deadline of its own, so a camera that is slow
+// to show its first picture stays usable. False when a read missed its
+// deadline: the source is gone.
+bool ProbePictureSize(FFMpegContext* ctx) {
     AVFormatContext* fmt = ctx->m_pFormatCtx.get();
     AVCodecContext* cc = ctx->m_pVideoCodecCtx.get();
     camctl::PacketPtr pkt = camctl::MakePacket();
     camctl::FramePtr frame = camctl::MakeFrame();
-    if (!pkt || !frame) return;
-    ArmIoDeadline(ctx, kNetOpenTimeoutMs);
+    if (!pkt || !frame) return true;
     for (int i = 0; i < kProbePackets; ++i) {
-        if (av_read_frame(fmt, pkt.get()) < 0) break;
+        int read = 0;
+        {
+            const ScopedIoDeadline deadline(ctx, true, kNetReadTimeoutMs);
+            read = av_read_frame(fmt, pkt.get());
+        }
+        if (read < 0) break;
         if (pkt->stream_index != ctx->m_nVideoIndex) {
             av_packet_unref(pkt.get());
             continue;
@@ -172,7 +179,7 @@ void ProbePictureSize(FFMpegContext* ctx) {
     }
     // The decode thread starts from the queued key frame with a clean decoder.
     avcodec_flush_buffers(cc);
-    ArmIoDeadline(ctx, 0);
+    return !ctx->m_bAbortIo;
 }
 
 // Prepares a video decoder context for codec params of the stream (or, for
@@ -266,7 +273,10 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     ctx->m_nHeight = cc->height;
     ctx->m_pVideoCodecCtx = std::move(cc);
 
-    if (rtsp) ProbePictureSize(ctx);
+    if (rtsp && !ProbePictureSize(ctx)) {
+        os_print("%s: no answer while probing the picture size", maskedUrl);
+        return -1;
+    }
     if (int64_t(ctx->m_nWidth) * ctx->m_nHeight == 0) {
         ctx->m_nWidth = kDefaultWidth;
         ctx->m_nHeight = kDefaultHeight;
@@ -428,6 +438,14 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
     ctx->m_bDecode = options.decode;
     ctx->m_bThrottleRead = options.throttleRead;
 
+    // The audio thread runs whether or not there is audio: it also drains
+    // the records of the private stream that carry no stream of their own.
+    // It starts before the reader, which reopens the audio decoder (and
+    // restarts this thread) when the stream's audio changes: from then on
+    // only the reader touches the decoder and the thread handle.
+    if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
+    if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
+
     ctx->m_hReadThread = os_thread_create(nullptr, ReadThreadProc, ctx.get());
     if (ctx->m_hReadThread)
         ctx->m_hVideoThread =
@@ -436,14 +454,11 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
         ctx->m_bRunning = 0;
         ctx->m_bAbortIo = 1;
         JoinThread(ctx->m_hReadThread);
+        StopAudioThread(ctx.get());
         OpenFailed(failure, CAMCTL_OPEN_OTHER, "starting the stream's threads");
         return nullptr;
     }
     os_print("FFMpegContextCreate  succ end(yuv:%d) 9999999999999999999999999", yuvOutput);
-    // The audio thread runs whether or not there is audio: it also drains
-    // the records of the private stream that carry no stream of their own.
-    if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
-    if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
     return ctx.release();
 }
 

@@ -240,6 +240,7 @@ private:
         const Outcome outcome = h265_.Decode(ctx_, pkt);
         if (outcome == Outcome::kStop) return;
         if (h265_.clean()) badPicture_ = false;
+        if (outcome == Outcome::kNoPicture) MarkDamaged(pkt, key);  // nothing handed out counts as damaged
         if (outcome != Outcome::kPicture || badPicture_) return;
         const AVFrame* pic = out_->StagesIhw265d() ? h265_.StagedPicture() : h265_.Picture();
         if (pic) DeliverPicture(pic, key);
@@ -262,12 +263,17 @@ private:
         }
     }
 
+    // Pictures are withheld from a damaged one on (until a key frame, or
+    // for IHW265D a clean picture); a damaged key frame withholds the next
+    // key frame's picture too.
+    void MarkDamaged(const AVPacket* pkt, bool key) {
+        badPicture_ = true;
+        os_print("=======nIsBadFrame=======%d=====%x===\n", pkt->size, pkt->size > 4 ? pkt->data[4] : 0);
+        if (key) skipNextKey_ = true;
+    }
+
     void HandlePicture(const AVPacket* pkt, bool key) {
-        if (frame_->decode_error_flags || (frame_->flags & AV_FRAME_FLAG_CORRUPT)) {
-            badPicture_ = true;
-            os_print("=======nIsBadFrame=======%d=====%x===\n", pkt->size, pkt->size > 4 ? pkt->data[4] : 0);
-            if (key) skipNextKey_ = true;
-        }
+        if (frame_->decode_error_flags || (frame_->flags & AV_FRAME_FLAG_CORRUPT)) MarkDamaged(pkt, key);
         if (badPicture_) return;
 
         const AVFrame* pic = camctl::hw::DownloadHwFrame(frame_.get(), &transfer_);

@@ -23,7 +23,13 @@ int trc_append(const char* path, const char* text);
 // the executable's folder), no trailing '/'.
 const char* trc_log_dir();
 
-// Each source file that logs defines its own unit with TRC_DEFINE_UNIT()
-// and calls trc_log(__FILE__, __LINE__, "", fmt, ...).
+// Each source file that logs defines its own unit with TRC_DEFINE_UNIT(),
+// or logs through another's with TRC_USE_UNIT(unit), and calls
+// trc_log(__FILE__, __LINE__, "", fmt, ...).
 #define TRC_DEFINE_UNIT() static trc_unit s_trc_unit
+#define TRC_USE_UNIT(unit) static trc_unit& s_trc_unit = (unit)
+
+// The network session unit (src/urlvideosession); the H.265 decoder's own
+// lines go through it too.
+extern trc_unit g_trcSessionUnit;
 #define trc_log(src, line, tag, ...) trc_log_unit(&s_trc_unit, (src), (line), (tag), __VA_ARGS__)

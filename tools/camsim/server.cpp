@@ -193,6 +193,7 @@ void Server::Impl::Serve(Client* client) {
     const auto t0 = Clock::now();
     int64_t firstTs = -1;
     int videoFrames = 0;
+    bool audioSent = false;
     const int changeAfter = clip ? opt.pattern.codec_change_after : 0;
     uint8_t header[kHeaderSize];
     while (ok) {
@@ -210,8 +211,10 @@ void Server::Impl::Serve(Client* client) {
         h.frame_kind = f.key ? 0 : 1;
         h.width = f.width;
         h.height = f.height;
-        h.audio_codec = f.audio_codec;
-        h.sample_rate = f.sample_rate;
+        audioSent = audioSent || f.stream_type == kStreamAudio;
+        const bool hideAudio = opt.audio_announced_late && !audioSent;
+        h.audio_codec = hideAudio ? kWireNoAudio : f.audio_codec;
+        h.sample_rate = hideAudio ? 0 : f.sample_rate;
         h.timestamp = static_cast<uint64_t>(f.ts_ms);
 
         const bool video = f.stream_type == kStreamVideo;

@@ -38,6 +38,9 @@ struct Options {
     int marker_in_payload_every = 0;
     // A motion-region record after every Nth video frame (0: never).
     int motion_every = 0;
+    // Video headers announce no audio until the first audio frame is sent
+    // (a camera whose audio shows up only with its own frames).
+    bool audio_announced_late = false;
     std::array<uint32_t, 10> motion_mask = {0x0000A5A5u, 0x80000001u, 0xF0F0F0F0u, 0x0F0F0F0Fu,
                                             0xFFFF0000u, 0x0000FFFFu, 0x12345678u, 0x9ABCDEF0u,
                                             0xAAAAAAAAu, 0x5555555Fu};

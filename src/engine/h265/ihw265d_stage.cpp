@@ -8,7 +8,8 @@
 #include "runtime/os.h"
 #include "runtime/trc_log.h"
 
-TRC_DEFINE_UNIT();
+// No unit of its own: a fourth one would rotate the log file once more.
+TRC_USE_UNIT(g_trcSessionUnit);
 
 namespace camctl {
 namespace h265 {

@@ -37,7 +37,7 @@ class Ihw265dStage {
 public:
     enum class Outcome {
         kPicture,    // a picture is ready: Picture() / StagedPicture()
-        kNoPicture,  // nothing this round
+        kNoPicture,  // nothing handed out (status 1); counts as a damaged picture
         kDamaged,    // a damaged picture was decoded and dropped
         kStop,       // the thread must stop; m_bRunning has been cleared
     };
