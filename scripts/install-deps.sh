@@ -15,6 +15,7 @@ PKGS=(
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   clang libclang-rt-14-dev gnuplot-nox
+  pybind11-dev python3-dev python3-numpy python3-pytest
 )
 
 missing=()
