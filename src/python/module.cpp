@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -122,7 +123,7 @@ public:
 
     // Any thread, GIL not held: closes what the given open opened.
     void CloseNow(uint64_t generation) {
-        std::lock_guard<std::mutex> lock(op_);
+        std::lock_guard<std::timed_mutex> lock(op_);
         CloseLocked(generation);
     }
 
@@ -161,12 +162,32 @@ protected:
         closing_ = false;
     }
 
+    // Python thread, GIL held: f() with op_ held and the GIL released;
+    // raises when not open.
+    template <typename F>
+    auto Call(const std::string& what, F&& f) {
+        std::optional<decltype(f())> result;
+        {
+            py::gil_scoped_release nogil;
+            std::unique_lock<std::timed_mutex> lock(op_, std::defer_lock);
+            // A close holding the lock may be waiting for this very thread
+            // (a callback): give up as soon as one has begun.
+            while (!lock.try_lock_for(std::chrono::milliseconds(20)))
+                if (closing_.load()) break;
+            if (lock.owns_lock() && IsOpen()) result = f();
+        }
+        if (!result) RaiseError(what + " is not open");
+        return std::move(*result);
+    }
+
     // Python thread, GIL held.
     void Open(const std::string& what) {
+        if (InCallback() && open_.load() && closing_.load())
+            RaiseError(what + ": cannot reopen from inside a callback while it closes");
         OpenFailure f;
         {
             py::gil_scoped_release nogil;
-            std::lock_guard<std::mutex> lock(op_);
+            std::lock_guard<std::timed_mutex> lock(op_);
             if (open_.load() && !closing_.load()) return;
             CloseLocked(generation_.load());  // a close begun in a callback, not done yet
             sink.Start();
@@ -186,7 +207,7 @@ protected:
         if (f.reason != 0) RaiseOpenError(what, f);
     }
 
-    std::mutex op_;  // one open or close at a time
+    std::timed_mutex op_;  // one open, close or call into the library at a time
     std::atomic<bool> open_{false};
     std::atomic<bool> closing_{false};
     std::atomic<uint64_t> generation_{0};  // successful opens so far
@@ -323,10 +344,9 @@ public:
 
     void OpenCamera() { Open(url_); }
 
-    // Inside op_ or with the camera known open.
-    CIpCamera* Camera() {
-        if (!IsOpen() || !camera_) RaiseError(name_ + ": the camera is not open");
-        return camera_;
+    template <typename F>
+    auto Cam(F&& f) {
+        return Call(name_ + ": the camera", [&] { return f(camera_); });
     }
 
     void Motion(bool enabled, int level, const std::vector<unsigned char>& map) {
@@ -334,11 +354,11 @@ public:
         motion_map_ = map;
         motion_enabled_ = enabled;
         watch_.Configure(enabled, level, map);
-        if (IsOpen()) ApplyMotion();
+        if (IsOpen()) Cam([this](CIpCamera*) { return ApplyMotion(), 0; });
     }
 
     bool Ended() override {
-        std::unique_lock<std::mutex> lock(op_, std::try_to_lock);
+        std::unique_lock<std::timed_mutex> lock(op_, std::try_to_lock);
         if (!lock) return false;  // opening or closing: the sink tells
         if (!camera_) return true;
         return sub_decoded_.load() ? camera_->IsSubVideoFinish() : camera_->IsMainVideoFinish();
@@ -455,13 +475,13 @@ public:
     ~PlayerCore() override { CloseNow(generation_.load()); }
 
     void OpenPlayer() { Open(path_); }
-    CRecordPlayer& Player() {
-        if (!IsOpen()) RaiseError(path_ + ": the player is not playing");
-        return player_;
+    template <typename F>
+    auto Play(F&& f) {
+        return Call(path_ + ": the player", [&] { return f(player_); });
     }
 
     bool Ended() override {
-        std::unique_lock<std::mutex> lock(op_, std::try_to_lock);
+        std::unique_lock<std::timed_mutex> lock(op_, std::try_to_lock);
         return lock && (!open_.load() || player_.IsPlayFinish());
     }
 
@@ -757,11 +777,14 @@ Opening raises OpenError (or a subclass naming the reason).)");
         .def(
             "decode",
             [](CameraHandle& h, bool main, bool sub) {
-                CIpCamera* cam = h.core->Camera();
-                if (sub && !cam->HasSubStream()) RaiseError("no sub stream is open");
-                if (sub) cam->SetDecodeEnable(false, true);
-                else cam->SetDecodeEnable(true, main);
-                h.core->sub_decoded_ = sub;
+                const bool done = h.core->Cam([&](CIpCamera* cam) {
+                    if (sub && !cam->HasSubStream()) return false;
+                    if (sub) cam->SetDecodeEnable(false, true);
+                    else cam->SetDecodeEnable(true, main);
+                    h.core->sub_decoded_ = sub;
+                    return true;
+                });
+                if (!done) RaiseError("no sub stream is open");
             },
             py::arg("main") = true, py::arg("sub") = false,
             "Chooses the decoded stream: at most one; sub=True decodes the sub stream instead\n"
@@ -769,11 +792,13 @@ Opening raises OpenError (or a subclass naming the reason).)");
         .def(
             "record",
             [](CameraHandle& h, int reason) {
-                CIpCamera* cam = h.core->Camera();
-                if (cam->StartSaveAvi(reason) != 0) RaiseError(h.core->name_ + ": cannot start recording");
-                char path[512] = {};
-                cam->GetRecordingPath(path, sizeof path);
-                return std::string(path);
+                const std::string path = h.core->Cam([reason](CIpCamera* cam) {
+                    char text[512] = {};
+                    if (cam->StartSaveAvi(reason) == 0) cam->GetRecordingPath(text, sizeof text);
+                    return std::string(text);
+                });
+                if (path.empty()) RaiseError(h.core->name_ + ": cannot start recording");
+                return path;
             },
             py::arg("reason") = 1,
             "Starts recording the main stream (reason 1 asked for, 2 motion, 4 schedule) and\n"
@@ -782,11 +807,12 @@ Opening raises OpenError (or a subclass naming the reason).)");
         .def(
             "stop_record",
             [](CameraHandle& h, int reason) -> py::object {
-                CIpCamera* cam = h.core->Camera();
-                char path[512] = {};
-                cam->GetRecordingPath(path, sizeof path);
-                cam->StopSaveAvi(reason);
-                const std::string done = FinishedRecording(path);
+                const std::string done = h.core->Cam([reason](CIpCamera* cam) {
+                    char path[512] = {};
+                    cam->GetRecordingPath(path, sizeof path);
+                    cam->StopSaveAvi(reason);
+                    return FinishedRecording(path);
+                });
                 return done.empty() ? py::object(py::none()) : py::object(py::str(done));
             },
             py::arg("reason") = 7,
@@ -794,7 +820,7 @@ Opening raises OpenError (or a subclass naming the reason).)");
             "path, which now ends in _<seconds>.avi (None when nothing was recording).")
         .def(
             "snapshot",
-            [](CameraHandle& h, int count) { h.core->Camera()->SaveImage(1, count); }, py::arg("count") = 1,
+            [](CameraHandle& h, int count) { h.core->Cam([count](CIpCamera* cam) { return cam->SaveImage(1, count); }); }, py::arg("count") = 1,
             "Takes count JPEG snapshots, the first from the next picture, then one a second,\n"
             "into .../IMAGE-MANUAL/<date>/.")
         .def(
@@ -817,7 +843,7 @@ Opening raises OpenError (or a subclass naming the reason).)");
         .def_property_readonly(
             "codec",
             [](CameraHandle& h) -> py::object {
-                const char* c = CodecName(h.core->Camera()->GetMainVideoCodec());
+                const char* c = CodecName(h.core->Cam([](CIpCamera* cam) { return cam->GetMainVideoCodec(); }));
                 return c ? py::object(py::str(c)) : py::object(py::none());
             },
             "'H.264', 'MPEG-4', 'MJPEG' or 'H.265' (None: unknown).")
@@ -829,17 +855,17 @@ Opening raises OpenError (or a subclass naming the reason).)");
             },
             "(width, height) of the last picture; None before the first.")
         .def_property_readonly(
-            "frame_rate", [](CameraHandle& h) { return h.core->Camera()->getFrameRate(); },
+            "frame_rate", [](CameraHandle& h) { return h.core->Cam([](CIpCamera* cam) { return cam->getFrameRate(); }); },
             "Video frames received in the last second.")
         .def_property_readonly(
-            "bit_rate", [](CameraHandle& h) { return h.core->Camera()->getNetRate(); },
+            "bit_rate", [](CameraHandle& h) { return h.core->Cam([](CIpCamera* cam) { return cam->getNetRate(); }); },
             "Received bit rate in kbit/s over the last 3 s (0 before that).")
         .def_property_readonly(
-            "motion_count", [](CameraHandle& h) { return h.core->Camera()->GetMotionCount(); },
+            "motion_count", [](CameraHandle& h) { return h.core->Cam([](CIpCamera* cam) { return cam->GetMotionCount(); }); },
             "Motion results counted by the camera since it was opened.")
         .def_property_readonly(
             "save_dir",
-            [](CameraHandle& h) { return std::string(h.core->Camera()->GetSaveDir()); },
+            [](CameraHandle& h) { return h.core->Cam([](CIpCamera* cam) { return std::string(cam->GetSaveDir()); }); },
             "The camera's folder: <save_dir>/VMS/<name>+<id>.");
     AddPictureMethods<CameraHandle>(camera);
 
@@ -862,8 +888,8 @@ Opening raises OpenError (or a subclass naming the reason).)");
                 if (!h.core->IsOpen()) {
                     h.core->OpenPlayer();
                 } else {
-                    h.core->Player().SetSpeedLevel(level.level);
-                    if (h.core->paused_) h.core->Player().Resume();
+                    const bool resume = h.core->paused_;
+                    h.core->Play([&](CRecordPlayer& p) { return p.SetSpeedLevel(level.level), resume && p.Resume(); });
                 }
                 h.core->paused_ = false;
                 return level.factor;
@@ -874,15 +900,17 @@ Opening raises OpenError (or a subclass naming the reason).)");
         .def(
             "pause",
             [](PlayerHandle& h) {
-                h.core->Player().Pause();
+                h.core->Play([](CRecordPlayer& p) { return p.Pause(); });
                 h.core->paused_ = true;
             },
             "Holds the picture; play() resumes.")
         .def(
-            "seek", [](PlayerHandle& h, double seconds) { h.core->Player().SeekTime(static_cast<int>(seconds)); },
+            "seek", [](PlayerHandle& h, double seconds) {
+                h.core->Play([seconds](CRecordPlayer& p) { return p.SeekTime(static_cast<int>(seconds)); });
+            },
             py::arg("seconds"), "Jumps to seconds, rounded down to a multiple of 5 (at least 5).")
         .def(
-            "snapshot", [](PlayerHandle& h) { h.core->Player().SaveImage(); },
+            "snapshot", [](PlayerHandle& h) { h.core->Play([](CRecordPlayer& p) { return p.SaveImage(); }); },
             "Saves the next picture as a BMP file below save_dir/VMS/PLAY-IMAGE-MANUAL/.")
         .def("close", [](PlayerHandle& h) { h.core->Close(); }, "Stops playing; safe from any thread and callback.")
         .def("__enter__", [](PlayerHandle& h) -> PlayerHandle& { return h; }, py::return_value_policy::reference)
@@ -890,12 +918,12 @@ Opening raises OpenError (or a subclass naming the reason).)");
         .def_property_readonly("closed", [](PlayerHandle& h) { return !h.core->IsOpen(); })
         .def_property_readonly("speed", [](PlayerHandle& h) { return h.core->speed_; })
         .def_property_readonly(
-            "position", [](PlayerHandle& h) { return h.core->Player().GetCurrTime(); },
+            "position", [](PlayerHandle& h) { return h.core->Play([](CRecordPlayer& p) { return p.GetCurrTime(); }); },
             "Seconds into the file of the last picture.")
         .def_property_readonly(
-            "duration", [](PlayerHandle& h) { return h.core->Player().GetDuration(); }, "Length in whole seconds.")
+            "duration", [](PlayerHandle& h) { return h.core->Play([](CRecordPlayer& p) { return p.GetDuration(); }); }, "Length in whole seconds.")
         .def_property_readonly(
-            "finished", [](PlayerHandle& h) { return h.core->IsOpen() && h.core->Player().IsPlayFinish(); },
+            "finished", [](PlayerHandle& h) { return h.core->IsOpen() && h.core->Play([](CRecordPlayer& p) { return p.IsPlayFinish(); }); },
             "The file has been played to its end.");
     AddPictureMethods<PlayerHandle>(player);
 
