@@ -4,8 +4,6 @@ from typing import Any, Callable, Iterator, Optional, Tuple
 import numpy as np
 import numpy.typing as npt
 
-HAS_OPEN_FAILURE_REASONS: bool
-
 class Error(Exception):
     """Something the library refused."""
 

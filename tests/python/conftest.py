@@ -36,15 +36,17 @@ def camsim():
 
 
 @pytest.fixture(scope="session")
-def rtsp_card(tmp_path_factory):
+def rtsp(tmp_path_factory):
+    """rtsp://127.0.0.1:PORT serving /card, and /locked (basic, user "user", password "secret")."""
     port_file = tmp_path_factory.mktemp("rtsp") / "port"
     p = subprocess.Popen([sys.executable, str(ROOT / "tests" / "support" / "rtsp_server.py"),
-                          "--port-file", str(port_file), "--mount", "/card", CARD])
+                          "--port-file", str(port_file), "--mount", "/card", CARD, "--mount", "/locked", CARD,
+                          "--auth", "/locked", "basic", "user", "secret"])
     for _ in range(600):  # until the server has written its port
         if port_file.exists() or p.poll() is not None:
             break
         time.sleep(0.05)
     assert port_file.exists(), "the RTSP server did not start"
-    yield "rtsp://127.0.0.1:%d/card" % int(port_file.read_text())
+    yield "rtsp://127.0.0.1:%d" % int(port_file.read_text())
     p.terminate()
     p.wait()

@@ -15,7 +15,7 @@ WAIT = 30  # seconds: generous deadline for any single event
 
 
 @pytest.mark.parametrize("yuv", [False, True])
-def test_card_shape_colours_audio(rtsp_card, tmp_path, yuv):
+def test_card_shape_colours_audio(rtsp, tmp_path, yuv):
     rates = []
     audio = threading.Event()
 
@@ -24,7 +24,7 @@ def test_card_shape_colours_audio(rtsp_card, tmp_path, yuv):
         rates.append(rate)
         audio.set()
 
-    with camctl.Camera(rtsp_card, save_dir=str(tmp_path), yuv=yuv) as cam:
+    with camctl.Camera(rtsp + "/card", save_dir=str(tmp_path), yuv=yuv) as cam:
         cam.on_audio(on_audio)
         pic = cam.latest(WAIT)
         assert (cam.codec, cam.size, pic.format) == ("H.264", (320, 240), "i420" if yuv else "bgr")
@@ -138,18 +138,21 @@ def test_player(tmp_path):
         pics = list(player.pictures(timeout=WAIT))
         assert pics and pics[-1].image.shape == (240, 320, 3) and player.finished
     assert player.closed
+    with pytest.raises(camctl.NotFoundError):
+        camctl.Player(str(tmp_path / "missing.avi")).play()
 
 
 @pytest.mark.parametrize("source,error", [
-    ("rtsp://127.0.0.1:1/none", "UnreachableError"),
-    ("ftp://127.0.0.1/x", "BadUrlError"),
-    ("/nonexistent/clip.avi", "NotFoundError"),
+    ("rtsp://127.0.0.1:1/none", camctl.UnreachableError),
+    ("nosuch://127.0.0.1/x", camctl.BadUrlError),
+    ("/nonexistent/clip.avi", camctl.NotFoundError),
+    ("{rtsp}/missing", camctl.NotFoundError),
+    ("{rtsp}/locked", camctl.CredentialsError),
+    ("rtsp://user:wrong@{host}/locked", camctl.CredentialsError),
 ])
-def test_open_errors(source, error, tmp_path):
-    with pytest.raises(camctl.OpenError) as e:
+def test_open_errors(rtsp, tmp_path, source, error):
+    source = source.format(rtsp=rtsp, host=rtsp[len("rtsp://"):])
+    with pytest.raises(error) as e:
         camctl.Camera(source, save_dir=str(tmp_path)).open()
-    assert e.value.url == source
-    if camctl.HAS_OPEN_FAILURE_REASONS:
-        assert type(e.value).__name__ == error and e.value.reason_name in str(e.value)
-    with pytest.raises(camctl.NotFoundError):
-        camctl.Player(str(tmp_path / "missing.avi")).play()
+    assert e.value.reason_name in str(e.value) and e.value.url in str(e.value)
+    assert "wrong" not in str(e.value) + e.value.detail
