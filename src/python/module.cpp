@@ -725,6 +725,10 @@ class BadUrlError(OpenError):
 
 Recordings and snapshots go below save_dir/VMS/<name>+<id>/ (see save_dir).
 Opening raises OpenError (or a subclass naming the reason).)");
+    auto open_camera = [](CameraHandle& h) -> CameraHandle& {
+        h.core->OpenCamera();
+        return h;
+    };
     camera
         .def(py::init([](std::string url, std::string name, std::optional<std::string> sub_url, std::string save_dir,
                          bool yuv) {
@@ -735,24 +739,12 @@ Opening raises OpenError (or a subclass naming the reason).)");
              py::arg("yuv") = false,
              "name: part of the file names; sub_url: a second, smaller stream of the same camera;\n"
              "save_dir: root of the recordings and snapshots; yuv: I420 pictures instead of BGR.")
-        .def(
-            "open",
-            [](CameraHandle& h) -> CameraHandle& {
-                h.core->OpenCamera();
-                return h;
-            },
-            py::return_value_policy::reference,
-            "Opens the stream(s) and starts decoding the main stream. Raises OpenError.")
+        .def("open", open_camera, py::return_value_policy::reference,
+             "Opens the stream(s) and starts decoding the main stream. Raises OpenError.")
         .def("close", [](CameraHandle& h) { h.core->Close(); },
              "Finishes recordings and closes the streams. Safe from any thread, also from inside\n"
              "a callback (the streams then close just after the callback returns).")
-        .def(
-            "__enter__",
-            [](CameraHandle& h) -> CameraHandle& {
-                h.core->OpenCamera();
-                return h;
-            },
-            py::return_value_policy::reference)
+        .def("__enter__", open_camera, py::return_value_policy::reference)
         .def("__exit__", [](CameraHandle& h, py::args) { h.core->Close(); })
         .def_property_readonly("closed", [](CameraHandle& h) { return !h.core->IsOpen(); })
         .def_property_readonly("url", [](CameraHandle& h) { return MaskUrl(h.core->url_); })
