@@ -109,7 +109,7 @@ public:
 
     // Any thread, GIL not held: closes what the given open opened.
     void CloseNow(uint64_t generation) {
-        std::lock_guard<std::timed_mutex> lock(op_);
+        std::lock_guard<std::mutex> lock(op_);
         CloseLocked(generation);
     }
 
@@ -155,11 +155,14 @@ protected:
         std::optional<decltype(f())> result;
         {
             py::gil_scoped_release nogil;
-            std::unique_lock<std::timed_mutex> lock(op_, std::defer_lock);
-            // A close holding the lock may be waiting for this very thread
-            // (a callback): give up as soon as one has begun.
-            while (!lock.try_lock_for(std::chrono::milliseconds(20)))
-                if (closing_.load()) break;
+            std::unique_lock<std::mutex> lock(op_, std::defer_lock);
+            if (!InCallback()) {
+                lock.lock();
+            } else {
+                // A close holding the lock may be waiting for this very
+                // thread: give up as soon as one has begun.
+                while (!lock.try_lock() && !closing_.load()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
             if (lock.owns_lock() && IsOpen()) result = f();
         }
         if (!result) RaiseError(what + " is not open");
@@ -173,7 +176,7 @@ protected:
         OpenFailure f;
         {
             py::gil_scoped_release nogil;
-            std::lock_guard<std::timed_mutex> lock(op_);
+            std::lock_guard<std::mutex> lock(op_);
             if (open_.load() && !closing_.load()) return;
             CloseLocked(generation_.load());  // a close begun in a callback, not done yet
             sink.Start();
@@ -193,7 +196,7 @@ protected:
         if (f.reason != CAMCTL_OPEN_OK) RaiseOpenError(what, f);
     }
 
-    std::timed_mutex op_;  // one open, close or call into the library at a time
+    std::mutex op_;  // one open, close or call into the library at a time
     std::atomic<bool> open_{false};
     std::atomic<bool> closing_{false};
     std::atomic<uint64_t> generation_{0};  // successful opens so far
@@ -344,7 +347,7 @@ public:
     }
 
     bool Ended() override {
-        std::unique_lock<std::timed_mutex> lock(op_, std::try_to_lock);
+        std::unique_lock<std::mutex> lock(op_, std::try_to_lock);
         if (!lock) return false;  // opening or closing: the sink tells
         if (!camera_) return true;
         return sub_decoded_.load() ? camera_->IsSubVideoFinish() : camera_->IsMainVideoFinish();
@@ -463,7 +466,7 @@ public:
     }
 
     bool Ended() override {
-        std::unique_lock<std::timed_mutex> lock(op_, std::try_to_lock);
+        std::unique_lock<std::mutex> lock(op_, std::try_to_lock);
         return lock && (!open_.load() || player_.IsPlayFinish());
     }
 
