@@ -53,6 +53,14 @@ def test_latest_is_newest(camsim, tmp_path):
         assert [p.seq > pic.seq for p in (cam.latest(WAIT), cam.latest(WAIT))] == [True, True]
 
 
+def test_sub_stream_decoded_instead(camsim, tmp_path):
+    with camctl.Camera(camsim(), sub_url=camsim("--size", "320x240"), save_dir=str(tmp_path)) as cam:
+        assert cam.latest(WAIT).width == 640
+        cam.decode(sub=True)
+        sizes = {(p.width, p.height) for p in (cam.latest(WAIT) for _ in range(10))}  # a few from before
+        assert (320, 240) in sizes and cam.latest(WAIT).width == 320
+
+
 def test_recording_and_snapshot_files(camsim, tmp_path):
     with camctl.Camera(camsim(), name="door", save_dir=str(tmp_path)) as cam:
         folder = cam.save_dir
