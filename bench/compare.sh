@@ -89,7 +89,16 @@ for n in $SWEEP; do
     run live_bench 180 --benchmark_filter="BM_Live"
 done
 
-# The Python module against a C++ host (15 s per run).
+# Live latency of stamped pictures, ours (smooth stream off and on) and the
+# ffmpeg and GStreamer low-latency readers.
+RUN_TAG=latency CAMCTL_LATENCY_TRIAL_S=${CAMCTL_LATENCY_TRIAL_S:-60} run latency_bench 420
+
+# Recording-only cameras: the HTTP count, then the RTSP sample against one
+# ffmpeg segmenting process per camera.
+RUN_TAG=record_scale CAMCTL_RECORD_N=${CAMCTL_RECORD_N:-200} CAMCTL_RECORD_REF_N=${CAMCTL_RECORD_REF_N:-8} \
+  CAMCTL_RECORD_TRIAL_S=${CAMCTL_RECORD_TRIAL_S:-60} run record_scale_bench 900
+
+# The Python module against a C++ host (3 rounds of 10 s per pair).
 if [ -f "$BUILD/bench/camctl_callback_host" ] && ls "$BUILD"/python/camctl*.so >/dev/null 2>&1; then
   echo "compare: python_bench ..."
   /usr/bin/python3 bench/python_bench.py "$BUILD" "$OUT" >"$OUT/python_bench.log" 2>&1 ||

@@ -215,6 +215,51 @@ def build_rows(d):
                      f"{fmt(p['cpu'], 1)} % core, {fmt(p['rss'], 1)} MB", "-", "-", "<= 40 MB (#8)",
                      verdict(None if p["rss"] is None else p["rss"] <= 40)))
 
+    # Recording-only cameras (decoding off) against one ffmpeg -c copy
+    # -f segment process per camera, same RTSP server and stream.
+    def rec(name, field):
+        return find(d, "record_scale", name, field)
+    r_cpu, f_cpu = rec(r"^BM_RecordScaleRtsp", "cpu_pct_per_cam"), rec(r"^BM_RecordScaleFfmpeg", "cpu_pct_per_cam")
+    r_rss, f_rss = rec(r"^BM_RecordScaleRtsp", "rss_mb_per_cam"), rec(r"^BM_RecordScaleFfmpeg", "rss_mb_per_cam")
+    r_n = rec(r"^BM_RecordScaleRtsp", "cameras")
+    cpu_ratio = r_cpu / f_cpu if r_cpu is not None and f_cpu else None
+    rss_ratio = r_rss / f_rss if r_rss is not None and f_rss else None
+    rows.append((f"Recording-only 1080p cameras over RTSP (N = {fmt(r_n, 0)}), CPU per camera",
+                 fmt(r_cpu, 2, " % core"), f"ffmpeg -c copy -f segment: {fmt(f_cpu, 2, ' % core')}",
+                 fmt(cpu_ratio), "<= 0.5 (#18)", verdict(None if cpu_ratio is None else cpu_ratio <= 0.5)))
+    rows.append(("  RSS per camera", fmt(r_rss, 1, " MB"), f"ffmpeg: {fmt(f_rss, 1, ' MB')}", fmt(rss_ratio),
+                 "<= 0.25 (#18)", verdict(None if rss_ratio is None else rss_ratio <= 0.25)))
+    h_n = rec(r"^BM_RecordScaleHttp", "cameras")
+    h_bad = rec(r"^BM_RecordScaleHttp", "segments_bad")
+    h_seg = rec(r"^BM_RecordScaleHttp", "segments")
+    h_miss = rec(r"^BM_RecordScaleHttp", "missing_pct")
+    h_cpu = rec(r"^BM_RecordScaleHttp", "cpu_pct_per_cam")
+    h_srv = rec(r"^BM_RecordScaleHttp", "server_cpu_pct")
+    whole = None if h_n is None else (h_n >= 200 and h_bad == 0 and h_seg and h_miss == 0)
+    rows.append((f"Recording-only cameras on 2 cores, private HTTP (simulator in its own process)",
+                 f"N = {fmt(h_n, 0)}: {fmt(h_cpu, 2, ' % core')} per camera, {fmt(h_seg, 0)} segments, "
+                 f"{fmt(h_bad, 0)} bad, {fmt(h_miss, 1, ' %')} pictures missing",
+                 f"server {fmt(h_srv, 0, ' % core')}", "-", ">= 200 cameras, every segment whole (#18)",
+                 verdict(whole)))
+
+    # Live latency: age of a picture at the host's callback, from the
+    # server's send (stamped pictures, 720p25 H.264 over RTSP).
+    lat = {k: (find(d, "latency", rf"^BM_Latency/{k}", "p50_ms"), find(d, "latency", rf"^BM_Latency/{k}", "p99_ms"))
+           for k in ("camctl_smooth_off", "camctl_smooth_on", "ffmpeg_low_delay", "gst_latency0")}
+    refs = [v[0] for k, v in lat.items() if not k.startswith("camctl") and v[0] is not None]
+    p50, p99 = lat["camctl_smooth_off"]
+    ok = None if p50 is None or not refs else (p50 < min(refs) and p50 <= 40 and p99 is not None and p99 <= 80)
+    rows.append(("Live latency, RTSP 720p25, smooth stream off: p50 / p99",
+                 f"{fmt(p50, 1, ' ms')} / {fmt(p99, 1, ' ms')}",
+                 f"ffmpeg low_delay {fmt(lat['ffmpeg_low_delay'][0], 1, ' ms')}, "
+                 f"GStreamer latency=0 {fmt(lat['gst_latency0'][0], 1, ' ms')} (p50)",
+                 fmt(p50 / min(refs) if p50 is not None and refs else None),
+                 "p50 below every reference and <= 40 ms, p99 <= 80 ms (#18)", verdict(ok)))
+    on50, on99 = lat["camctl_smooth_on"]
+    rows.append(("  smooth stream on (mode 1, display timer 2 ms): p50 / p99",
+                 f"{fmt(on50, 1, ' ms')} / {fmt(on99, 1, ' ms')}", "-", "-", "recorded: the cost of smoothing",
+                 "recorded" if on50 is not None else "not measured"))
+
     # Time to first picture.
     http = find(d, "live_ref", r"^BM_TimeToFirstPicture/http", "ttfp_ms")
     rows.append(("Time to first picture, private HTTP on loopback (median)", fmt(http, 0, " ms"), "-", "-",

@@ -2,6 +2,9 @@
 # Installs what Camctl needs to build, test and run its demo on Debian 12.
 # Idempotent: packages already present are skipped, apt-get runs only when
 # something is missing.
+#   install-deps.sh            build, tests, Debian packages, API reference
+#   install-deps.sh --lintian  also lintian (scripts/package.sh; the package
+#                              test runs it when present)
 set -euo pipefail
 
 PKGS=(
@@ -15,8 +18,10 @@ PKGS=(
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   clang libclang-rt-14-dev gnuplot-nox
+  dpkg-dev file doxygen
   pybind11-dev python3-dev python3-numpy python3-pytest
 )
+if [ "${1:-}" = --lintian ]; then PKGS+=(lintian); fi
 
 missing=()
 for p in "${PKGS[@]}"; do

@@ -16,7 +16,8 @@ case "$SAN" in
 esac
 JOBS="${CAMCTL_JOBS:-$(nproc)}"
 
-cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCAMCTL_SANITIZE="$SAN" -DCAMCTL_WERROR=ON >/dev/null
+cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCAMCTL_SANITIZE="$SAN" -DCAMCTL_WERROR=ON \
+  -DCAMCTL_TESTS=ON -DCAMCTL_BENCH=ON >/dev/null
 cmake --build "$BUILD" -j "$JOBS"
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
@@ -25,4 +26,6 @@ export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
 cd "$BUILD"
 # Timing-sensitive tests (real-time streams on a loaded 2-core machine) get
 # one retry; a test that fails twice fails the run.
-ctest --output-on-failure -j "$JOBS" --repeat until-pass:2 "$@"
+ctest --output-on-failure --no-tests=error -j "$JOBS" --repeat until-pass:2 "$@"
+cd ..
+bash scripts/test-ratio.sh

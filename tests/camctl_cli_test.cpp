@@ -13,7 +13,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -87,16 +89,47 @@ bool ParseViewStatus(const std::string& line, ViewStatus* st) {
 
 // ---------------------------------------------------------------------------
 
+// Option names of a help text's entries ("  -v, --verbose   ...", "  --out DIR  ...").
+std::vector<std::string> HelpOptions(const std::string& help) {
+    std::vector<std::string> names;
+    for (const std::string& l : Lines(help)) {
+        if (l.rfind("  -", 0) != 0) continue;
+        std::stringstream term(l.substr(2, l.find("  ", 2) - 2));
+        for (std::string word; term >> word;)
+            if (word[0] == '-') names.push_back(word.back() == ',' ? word.substr(0, word.size() - 1) : word);
+    }
+    return names;
+}
+
 TEST(CamctlCli, Help_EveryCommandAndUsageErrors) {
     const char* commands[] = {"view", "record", "snapshot", "motion", "probe", "play", "serve", "demo"};
     Result all = RunCamctl({"--help"});
     EXPECT_EQ(all.code, 0);
+    // camctl(1) (escapes and fonts taken out), the bash completion and
+    // docs/CLI.md know every command and option the help shows.
+    std::string man = ReadText(std::string(CAMCTL_BINARY_DIR) + "/tools/camctl.1");
+    for (const std::string roff : {"\\fB", "\\fR", "\\"})
+        for (size_t at; (at = man.find(roff)) != std::string::npos;) man.erase(at, roff.size());
+    // The completion's words, each between spaces.
+    std::string completion = ReadText(std::string(CAMCTL_BINARY_DIR) + "/tools/camctl.bash-completion");
+    for (char& ch : completion)
+        if (ch == '"' || ch == '|' || ch == ')' || ch == '\n') ch = ' ';
+    const std::string cli = ReadText(std::string(CAMCTL_SOURCE_DIR) + "/docs/CLI.md");
+    ASSERT_FALSE(man.empty() || completion.empty() || cli.empty());
+    const auto documented = [&](const std::string& name, const std::string& word, const std::string& where) {
+        EXPECT_TRUE(Contains(man, name)) << name << " missing from camctl.1 (" << where << ")";
+        EXPECT_TRUE(Contains(completion, " " + word + " ")) << name << " missing from the completion (" << where << ")";
+        EXPECT_TRUE(Contains(cli, name)) << name << " missing from docs/CLI.md (" << where << ")";
+    };
+    for (const std::string& o : HelpOptions(all.out)) documented(o, o, "camctl --help");
     for (const char* c : commands) {
         EXPECT_TRUE(Contains(all.out, std::string("  ") + c + " ")) << c;
         Result r = RunCamctl({c, "--help"});
         EXPECT_EQ(r.code, 0) << c;
         EXPECT_TRUE(Contains(r.out, std::string("usage: camctl ") + c)) << r.out;
         EXPECT_TRUE(Contains(r.out, "--help")) << r.out;
+        documented(std::string("camctl ") + c, c, c);
+        for (const std::string& o : HelpOptions(r.out)) documented(o, o, std::string(c) + " --help");
     }
 
     Result none = RunCamctl({});
@@ -477,9 +510,12 @@ TEST(CamctlCli, BadInput_OutputFolderNotWritable) {
     chmod(dir.path().c_str(), 0755);
     Child::Options o;
     if (geteuid() == 0) {
-        // root writes anywhere: run camctl as nobody.
+        // root writes anywhere: run camctl as nobody, with a log folder of its own.
         if (camctl_test::RunCommand("command -v setpriv >/dev/null") != 0) GTEST_SKIP() << "setpriv missing";
-        o.prefix = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"};
+        ASSERT_EQ(mkdir((dir / "log").c_str(), 0777), 0);
+        chmod((dir / "log").c_str(), 0777);
+        o.prefix = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--",
+                    "env", "CAMCTL_LOG_DIR=" + dir / "log"};
     }
     for (const std::vector<std::string>& args :
          {std::vector<std::string>{"record", cam.Url(), "--out", locked, "--seconds", "2"},
@@ -492,6 +528,51 @@ TEST(CamctlCli, BadInput_OutputFolderNotWritable) {
         EXPECT_TRUE(Contains(r.err, "Permission denied")) << r.err;
     }
     EXPECT_TRUE(camctl_test::ListFiles(locked).empty());
+}
+
+// The debug log goes to the folder CAMCTL_LOG_DIR or --log-dir names, and
+// nothing beside the executable (a private copy here); a folder that cannot
+// be written is said once on stderr, with or without -v.
+TEST(CamctlCli, LogDir_EnvironmentAndOption) {
+    Camera cam;
+    ASSERT_TRUE(cam.started);
+    TempDir dir;
+    const std::string exe = dir / "camctl";
+    std::filesystem::copy_file(CamctlPath(), exe);
+    chmod(exe.c_str(), 0755);
+    ASSERT_EQ(mkdir((dir / "env").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dir / "opt").c_str(), 0755), 0);
+    struct Case {
+        std::string env;                 // CAMCTL_LOG_DIR
+        std::vector<std::string> flags;  // before the command
+        std::string log;                 // where trc_new.log must be; "" when nowhere
+    } cases[] = {
+        {dir / "env", {}, dir / "env"},
+        {dir / "env", {"--log-dir", dir / "opt"}, dir / "opt"},  // the option wins
+        {"", {"--log-dir=" + dir / "missing"}, ""},
+        {dir / "missing", {"-v"}, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.env + (c.flags.empty() ? "" : " " + c.flags[0]));
+        std::vector<std::string> argv = {"env", "CAMCTL_LOG_DIR=" + c.env, exe};
+        argv.insert(argv.end(), c.flags.begin(), c.flags.end());
+        for (const char* a : {"probe", "--seconds", "0"}) argv.push_back(a);
+        argv.insert(argv.end() - 2, cam.Url());
+        Child child(argv, Child::Options());
+        Result r = child.Wait(40);
+        EXPECT_EQ(r.code, 0) << r.err;
+        EXPECT_FALSE(std::filesystem::exists(dir / "trc_new.log"));
+        if (!c.log.empty()) {
+            EXPECT_TRUE(Contains(ReadText(c.log + "/trc_new.log"), "Camera(id:")) << c.log;
+            EXPECT_TRUE(r.err.empty()) << r.err;
+            std::filesystem::remove(c.log + "/trc_new.log");
+        } else {
+            size_t notices = 0;
+            for (const std::string& l : Lines(r.err))
+                notices += Contains(l, "cannot be written") || Contains(l, "cannot write the debug log");
+            EXPECT_EQ(notices, 1u) << r.err;
+        }
+    }
 }
 
 // The README's host example is the file the build compiles.

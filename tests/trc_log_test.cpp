@@ -1,5 +1,5 @@
 // Debug log: line format, the 1023-character cut, per-unit rotation of
-// trc_new.log / trc_old.log in the executable's folder.
+// trc_new.log / trc_old.log in the executable's folder or CAMCTL_LOG_DIR.
 //
 // The log folder is the folder of the running executable, so every scenario
 // runs in a copy of this test binary placed in a private temporary folder:
@@ -119,6 +119,19 @@ std::vector<std::string> Messages(const std::string& text) {
     return out;
 }
 
+// The text without the lines saying the log cannot be written, which must
+// be `notices` in number.
+std::string WithoutNotice(const std::string& text, size_t notices) {
+    std::string rest;
+    size_t found = 0;
+    for (const std::string& line : Lines(text)) {
+        if (line.find("cannot write the debug log") != std::string::npos) ++found;
+        else rest += line + "\n";
+    }
+    EXPECT_EQ(found, notices) << text;
+    return rest;
+}
+
 class TrcLogTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -128,9 +141,9 @@ protected:
     }
 
     // Runs the scenario in the copy; returns its exit status.
-    int Run(const std::string& scenario) {
-        std::string cmd = "cd / && CAMCTL_TRC_SCENARIO=" + scenario + " '" + child_ + "' 2>'" +
-                          (dir_ / "stderr.txt") + "'";
+    int Run(const std::string& scenario, const std::string& log_dir = "") {
+        std::string cmd = "cd / && CAMCTL_LOG_DIR='" + log_dir + "' CAMCTL_TRC_SCENARIO=" + scenario + " '" +
+                          child_ + "' 2>'" + (dir_ / "stderr.txt") + "'";
         return camctl_test::RunCommand(cmd);
     }
 
@@ -208,6 +221,30 @@ TEST_F(TrcLogTest, Concurrent_LinesStayWhole) {
     EXPECT_EQ(OldLog(), "previous\n");  // rotated exactly once
 }
 
+TEST_F(TrcLogTest, LogDir_FromEnvironment) {
+    // Three units log five lines; the folder is the environment's.
+    struct Case {
+        std::string dir;      // CAMCTL_LOG_DIR below the test folder
+        bool writable;
+    } cases[] = {
+        {"chosen/", true},            // trailing '/' is fine
+        {"missing/folder", false},    // not made: lines dropped, said once
+        {std::string(260, 'd'), false},  // too long for the log's paths
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.dir.substr(0, 20));
+        const std::string dir = dir_ / c.dir;
+        if (c.writable) std::filesystem::create_directories(dir);
+        EXPECT_EQ(Run("units", dir), c.writable ? 0 : 11);
+        const std::string err = WithoutNotice(Stderr(), c.writable ? 0 : 1);
+        EXPECT_EQ(Messages(err), (std::vector<std::string>{"a1", "b1", "a2", "c1", "b2"}));
+        if (c.writable) {
+            EXPECT_EQ(Messages(ReadText(dir + "/trc_new.log")), (std::vector<std::string>{"c1", "b2"}));
+        }
+        EXPECT_FALSE(std::filesystem::exists(dir_ / "trc_new.log"));  // nothing beside the executable
+    }
+}
+
 TEST_F(TrcLogTest, Append_FailuresAreSoft) {
     // Both names taken by directories: rotation cannot move them and the
     // file cannot be opened (true even for root).
@@ -215,7 +252,7 @@ TEST_F(TrcLogTest, Append_FailuresAreSoft) {
     ASSERT_EQ(mkdir((dir_ / "trc_old.log").c_str(), 0755), 0);
     WriteText(dir_ / "trc_old.log" + "/keep", "x");
     ASSERT_EQ(Run("unwritable"), 0);
-    EXPECT_EQ(Messages(Stderr()), (std::vector<std::string>{"lost 1", "lost 2"}));
+    EXPECT_EQ(Messages(WithoutNotice(Stderr(), 1)), (std::vector<std::string>{"lost 1", "lost 2"}));
 
     const std::string path = dir_ / "direct.log";
     EXPECT_EQ(trc_append(path.c_str(), "one\n"), 0);

@@ -1,14 +1,15 @@
-// The three operations through which the media engine hands decoded
-// pictures, audio and motion-region updates to the object that owns a stream.
+/// The three operations through which the media engine hands decoded
+/// pictures, audio and motion-region updates to the object that owns a stream.
+/// \class IFrameListener
 #pragma once
 
 class IFrameListener {
 public:
-    // A picture: packed BGR24 bottom-up or planar I420, see the session.
+    /// A picture: packed BGR24 bottom-up or planar I420, see the session.
     virtual int DoVideoBuffer(unsigned char* buf, int width, int height) = 0;
-    // Audio: signed 16-bit samples, count, sample rate.
+    /// Audio: signed 16-bit samples, count, sample rate.
     virtual int DoAudioBuffer(unsigned short* buf, int a, int b) = 0;
-    // Motion-region map announced by a camera, as '0'/'1' text.
+    /// Motion-region map announced by a camera, as '0'/'1' text.
     virtual int UpdateMotionAlarmRegion(char* region) = 0;
 
 protected:

@@ -1,28 +1,29 @@
-// One network camera as the host sees it.
-//
-// A camera owns its main-stream session and at most one sub-stream session.
-// Every decoded picture of either comes back through DoVideoBuffer, where
-// the camera paints it (StartDisplay), runs motion detection, turns motion
-// into snapshots and recordings, writes a pending snapshot and finally hands
-// the picture to the host's video callback. Recordings (always of the main
-// stream) and snapshots go below the folder chosen with SetSaveDir:
-//
-//   <root>/VMS/<name>+<id>[/<sub>]/MS_Record/YYYY-MM-DD/<name>+<id>_YYYYMMDD-hhmmss_<reason>[_<seconds>].avi
-//   <root>/VMS/<name>+<id>[/<sub>]/IMAGE[-MANUAL]/YYYY-MM-DD/<name>_YYYYMMDD-hhmmss_<type>_<serial>.jpg
-//
-// In those paths every '/', control character and ".." of the name is
-// written as '_' so that no name leads outside the save root (the name
-// itself, logs and callbacks keep it as given).
-//
-// Recording reasons (a bit set): 1 asked for by the host, 2 motion,
-// 4 schedule; StopSaveAvi(7) stops them all. Snapshot types: 1 manual
-// (folder IMAGE-MANUAL), anything else automatic (folder IMAGE).
-//
-// Threads: host threads (open, close, settings, snapshots), the sessions'
-// decoding and audio threads (DoVideoBuffer, DoAudioBuffer) and the camera
-// manager's timer thread (OnTimer). Locks, in the order they are taken: the
-// manager's list lock, the camera lock (IpcLock, recursive), the stream's
-// record lock, the packet-queue locks. The motion lock is a leaf.
+/// One network camera as the host sees it.
+///
+/// A camera owns its main-stream session and at most one sub-stream session.
+/// Every decoded picture of either comes back through DoVideoBuffer, where
+/// the camera paints it (StartDisplay), runs motion detection, turns motion
+/// into snapshots and recordings, writes a pending snapshot and finally hands
+/// the picture to the host's video callback. Recordings (always of the main
+/// stream) and snapshots go below the folder chosen with SetSaveDir:
+///
+///     <root>/VMS/<name>+<id>[/<sub>]/MS_Record/YYYY-MM-DD/<name>+<id>_YYYYMMDD-hhmmss_<reason>[_<seconds>].avi
+///     <root>/VMS/<name>+<id>[/<sub>]/IMAGE[-MANUAL]/YYYY-MM-DD/<name>_YYYYMMDD-hhmmss_<type>_<serial>.jpg
+///
+/// In those paths every '/', control character and ".." of the name is
+/// written as '_' so that no name leads outside the save root (the name
+/// itself, logs and callbacks keep it as given).
+///
+/// Recording reasons (a bit set): 1 asked for by the host, 2 motion,
+/// 4 schedule; StopSaveAvi(7) stops them all. Snapshot types: 1 manual
+/// (folder IMAGE-MANUAL), anything else automatic (folder IMAGE).
+///
+/// Threads: host threads (open, close, settings, snapshots), the sessions'
+/// decoding and audio threads (DoVideoBuffer, DoAudioBuffer) and the camera
+/// manager's timer thread (OnTimer). Locks, in the order they are taken: the
+/// manager's list lock, the camera lock (IpcLock, recursive), the stream's
+/// record lock, the packet-queue locks. The motion lock is a leaf.
+/// \class CIpCamera
 #pragma once
 
 #include <atomic>
@@ -49,11 +50,11 @@ typedef int (*AudioBufCallBack)(void* camera, void* user, unsigned short* buf, i
 class CIpCamera {
 public:
     CIpCamera();
-    // A default camera with the given identity (the manager itself uses the
-    // default constructor and SetInfo).
+    /// A default camera with the given identity (the manager itself uses the
+    /// default constructor and SetInfo).
     CIpCamera(int id, const char* name, const char* ip);
     ~CIpCamera();
-    // A camera owns streams, threads and files: it is never copied.
+    /// A camera owns streams, threads and files: it is never copied.
     CIpCamera(const CIpCamera&) = delete;
     CIpCamera& operator=(const CIpCamera&) = delete;
 
@@ -66,28 +67,28 @@ public:
     void SetActive(bool active) { m_bActive.store(active, std::memory_order_relaxed); }
     int IpcLock();
     int IpcUnLock();
-    // Layout of the streams opened from now on (planar YUV 4:2:0 or packed
-    // BGR24); a stream already open keeps the layout it was opened with.
+    /// Layout of the streams opened from now on (planar YUV 4:2:0 or packed
+    /// BGR24); a stream already open keeps the layout it was opened with.
     int SetYuvDisplay(int yuv);
     void SetSmoothStream(int n);
     void SetVideoBufCallBack(VideoBufCallBack fn, void* user);
     void SetAudioBufCallBack(AudioBufCallBack fn, void* user);
 
-    // --- streams
+    /// --- streams
     int OpenMainStreamVideo(const char* url);
     int OpenSubStreamVideo(const char* url);
     int CloseMainStreamVideo();
     int CloseSubStreamVideo();
-    // Chooses the decoded stream: at most one of main and sub is decoded.
-    // -1 when the main stream is not open.
+    /// Chooses the decoded stream: at most one of main and sub is decoded.
+    /// -1 when the main stream is not open.
     int SetDecodeEnable(bool bMain, bool bEnable);
-    // Smooth-stream pacing, from the host's display timer.
+    /// Smooth-stream pacing, from the host's display timer.
     void SendVideoCond();
     int GetMainVideoCodec();
-    // Why the last open of the main (bMain) or of a separate sub stream
-    // failed: a CamctlOpenFailure, CAMCTL_OPEN_OK after a success or when
-    // none was tried. The detail goes to text as CVideoSession::GetOpenFailure
-    // gives it.
+    /// Why the last open of the main (bMain) or of a separate sub stream
+    /// failed: a CamctlOpenFailure, CAMCTL_OPEN_OK after a success or when
+    /// none was tried. The detail goes to text as CVideoSession::GetOpenFailure
+    /// gives it.
     int GetOpenFailure(bool bMain, char* text, int size);
     bool IsMainVideoOpenSuc();
     bool IsMainVideoFinish();
@@ -108,8 +109,8 @@ public:
     int SetMotionDetectLevel(int level);
     int SetMotionDetectMap(unsigned char* map);
     int SetMotionSpaceTime(int seconds);
-    // What a motion event saves: 1 or 2 snapshots (imageCount each event);
-    // any type but 0 and 2 records 5 s, otherwise recordSec.
+    /// What a motion event saves: 1 or 2 snapshots (imageCount each event);
+    /// any type but 0 and 2 records 5 s, otherwise recordSec.
     int SetMotionSaveType(int type, int imageCount, int recordSec);
     int GetMotionCount() const { return m_nMotionCount.load(std::memory_order_relaxed); }
 
@@ -120,14 +121,14 @@ public:
     int GetImagePath(char* out, int type);
     int StartSaveAvi(int reason);
     int StopSaveAvi(int reason);
-    // Takes count snapshots of the given type: one from the next picture,
-    // then one a second.
+    /// Takes count snapshots of the given type: one from the next picture,
+    /// then one a second.
     int SaveImage(int type, int count);
     int NotifyAutoSave(int on);
     int NotifyMotionSave(int on);
     int64_t GetAviDuration();
     uint32_t GetRecordFlags() const { return m_nRecordFlags.load(std::memory_order_relaxed); }
-    // Path of the recording file being written ("" when none); a copy.
+    /// Path of the recording file being written ("" when none); a copy.
     void GetRecordingPath(char* out, int size);
 
     // --- schedules
@@ -143,10 +144,10 @@ public:
     int OnTimer();
     int OnSaveTimer();
 
-    // Numbers snapshot files across all cameras; never reset.
+    /// Numbers snapshot files across all cameras; never reset.
     static std::atomic<int32_t> s_nImageSerial;
 
-    // Length of a recording segment in seconds (host-tunable).
+    /// Length of a recording segment in seconds (host-tunable).
     std::atomic<int32_t> m_nAutoRecordSec{1800};
 
 private:

@@ -1,14 +1,15 @@
-// The library's entry object: the process-wide registry of cameras.
-//
-// The host obtains the manager with GetInstance, adds cameras to it, finds
-// them by id, name or IP address, and deletes them. The manager owns every
-// camera it hands out; a camera pointer kept after its deletion dangles.
-// One timer thread calls every camera's OnTimer about every 50 ms, which
-// drives recording segments, snapshot bursts and schedules.
-//
-// Destroying the manager (delete GetInstance()) stops the timer, deletes
-// every camera and clears the singleton; a later GetInstance makes a new
-// manager.
+/// The library's entry object: the process-wide registry of cameras.
+///
+/// The host obtains the manager with GetInstance, adds cameras to it, finds
+/// them by id, name or IP address, and deletes them. The manager owns every
+/// camera it hands out; a camera pointer kept after its deletion dangles.
+/// One timer thread calls every camera's OnTimer about every 50 ms, which
+/// drives recording segments, snapshot bursts and schedules.
+///
+/// Destroying the manager (delete GetInstance()) stops the timer, deletes
+/// every camera and clears the singleton; a later GetInstance makes a new
+/// manager.
+/// \class CIpCameraManager
 #pragma once
 
 #include <atomic>
@@ -23,32 +24,32 @@ class CIpCamera;
 
 class CIpCameraManager {
 public:
-    // The singleton, made on first use (null if it cannot be made).
+    /// The singleton, made on first use (null if it cannot be made).
     static CIpCameraManager* GetInstance();
 
     ~CIpCameraManager();
     CIpCameraManager(const CIpCameraManager&) = delete;
     CIpCameraManager& operator=(const CIpCameraManager&) = delete;
 
-    // Adds a camera. id < 0 takes the next number of a process-wide counter.
-    // Null when a camera with that id exists.
+    /// Adds a camera. id < 0 takes the next number of a process-wide counter.
+    /// Null when a camera with that id exists.
     CIpCamera* AddIpCamera(int id, const char* name, const char* ip);
-    // First camera with the id; null when none.
+    /// First camera with the id; null when none.
     CIpCamera* GetIpCamera(int id);
-    // First camera whose name, or else whose IP address text, equals name
-    // without regard to letter case; null when none.
+    /// First camera whose name, or else whose IP address text, equals name
+    /// without regard to letter case; null when none.
     CIpCamera* GetIpCamera(const char* name);
-    // 0 deleted, -1 not found.
+    /// 0 deleted, -1 not found.
     int DelIpCamera(int id);
     int DelIpCamera(const char* name);
-    // Deletes every camera; 0.
+    /// Deletes every camera; 0.
     int DelAllCamera();
     int GetCameraCnt();
 
-    // The singleton; null before the first GetInstance and after the
-    // singleton was destroyed.
+    /// The singleton; null before the first GetInstance and after the
+    /// singleton was destroyed.
     static std::atomic<CIpCameraManager*> pInstance;
-    // Next id handed out for id < 0.
+    /// Next id handed out for id < 0.
     static std::atomic<int32_t> s_nNextCameraId;
 
 private:

@@ -1,9 +1,10 @@
-// Grid-based motion detector for one camera's decoded pictures.
-//
-// The picture is divided into 32 columns by 24 rows of cells. Every fourth
-// picture is compared with a stored reference picture, cell by cell over
-// the cells enabled in the detection map, sampling a quarter of each cell's
-// pixels. Detection and notification are rate-limited in wall-clock seconds.
+/// Grid-based motion detector for one camera's decoded pictures.
+///
+/// The picture is divided into 32 columns by 24 rows of cells. Every fourth
+/// picture is compared with a stored reference picture, cell by cell over
+/// the cells enabled in the detection map, sampling a quarter of each cell's
+/// pixels. Detection and notification are rate-limited in wall-clock seconds.
+/// \class CMotionDetector
 #pragma once
 
 #include <atomic>
@@ -16,14 +17,14 @@ class CMotionDetector {
 public:
     static constexpr int kGridColumns = 32;
     static constexpr int kGridRows = 24;
-    // One byte per cell, column by column: the cell in column c (left to
-    // right) and row r (top to bottom) is at index c * 24 + r. The cell is
-    // checked unless its byte is the character '0'.
+    /// One byte per cell, column by column: the cell in column c (left to
+    /// right) and row r (top to bottom) is at index c * 24 + r. The cell is
+    /// checked unless its byte is the character '0'.
     static constexpr int kMapSize = kGridColumns * kGridRows;
-    // Pictures counted (from the start phase) before the first test.
+    /// Pictures counted (from the start phase) before the first test.
     static constexpr int kWarmUpPictures = 25;
 
-    // Source of the current time in whole seconds (defaults to time()).
+    /// Source of the current time in whole seconds (defaults to time()).
     using SecondsSource = int64_t (*)(void* context);
 
     CMotionDetector();
@@ -31,41 +32,41 @@ public:
     CMotionDetector(const CMotionDetector&) = delete;
     CMotionDetector& operator=(const CMotionDetector&) = delete;
 
-    // (Re)starts the detector for pictures of width x height packed 24-bit
-    // pixels, rows top to bottom. Each Init takes the next start phase of a
-    // process-wide counter (1, 2, ... 15, 0, 1, ...) so that detectors of
-    // different cameras test on different pictures. Returns 0, or -1 when
-    // width * height <= 0. owner is the camera; it is only remembered.
+    /// (Re)starts the detector for pictures of width x height packed 24-bit
+    /// pixels, rows top to bottom. Each Init takes the next start phase of a
+    /// process-wide counter (1, 2, ... 15, 0, 1, ...) so that detectors of
+    /// different cameras test on different pictures. Returns 0, or -1 when
+    /// width * height <= 0. owner is the camera; it is only remembered.
     int Init(void* owner, int width, int height);
-    // Releases the reference picture. Returns -1 if not initialised, else 0.
+    /// Releases the reference picture. Returns -1 if not initialised, else 0.
     int Free();
 
     int SetDetectEnable(int enable);
-    // 0: least sensitive (75% of a cell, byte difference 50); 1: 50%, 35;
-    // 2: most sensitive, 25%, 20. Any other level is stored but leaves the
-    // thresholds as they are.
+    /// 0: least sensitive (75% of a cell, byte difference 50); 1: 50%, 35;
+    /// 2: most sensitive, 25%, 20. Any other level is stored but leaves the
+    /// thresholds as they are.
     int SetDetectLevel(int level);
-    // Copies kMapSize bytes from map.
+    /// Copies kMapSize bytes from map.
     int SetDetectMap(unsigned char* map);
-    // Minimum seconds between two positive detections (default 2).
+    /// Minimum seconds between two positive detections (default 2).
     int SetDetectSpaceTime(int seconds);
-    // Minimum seconds between two notifications (default 5).
+    /// Minimum seconds between two notifications (default 5).
     int SetNotifySpaceTime(int seconds);
 
-    // Per-picture entry point. Returns 0 (nothing to report), 1 (motion,
-    // notify) or 2 (motion within the notification spacing: record it, but
-    // do not notify again).
+    /// Per-picture entry point. Returns 0 (nothing to report), 1 (motion,
+    /// notify) or 2 (motion within the notification spacing: record it, but
+    /// do not notify again).
     int MotionDetectRun(unsigned char* picture, int width, int height);
-    // Scans the enabled cells in row-major order and stops at the first one
-    // that changed; the picture then becomes the reference either way.
+    /// Scans the enabled cells in row-major order and stops at the first one
+    /// that changed; the picture then becomes the reference either way.
     bool ALgMotionDetect(unsigned char* picture, int width, int height);
-    // Tests the cell whose top-left pixel is at byte `offset` of both the
-    // picture and the reference.
+    /// Tests the cell whose top-left pixel is at byte `offset` of both the
+    /// picture and the reference.
     bool AlgMotionWinDetect(unsigned char* picture, int width, int height, int offset);
 
-    // Name printed in the log lines as the camera's name.
+    /// Name printed in the log lines as the camera's name.
     int SetOwnerName(const char* name);
-    // Replaces the clock; for tests. Call before pictures flow.
+    /// Replaces the clock; for tests. Call before pictures flow.
     void SetClock(SecondsSource source, void* context);
 
     int GetDetectEnable() const { return m_bEnable.load(std::memory_order_relaxed); }
@@ -76,7 +77,7 @@ public:
     int GetNotifySpaceTime() const { return m_nNotifySpaceTime.load(std::memory_order_relaxed); }
     int GetFrameCount() const { return m_nFrameCount; }
     bool IsInit() const { return m_bInit != 0; }
-    // The reference picture (null when there is none) and its size in bytes.
+    /// The reference picture (null when there is none) and its size in bytes.
     const unsigned char* GetReference() const { return m_pPreData.get(); }
     size_t GetReferenceSize() const { return m_nPreSize; }
 

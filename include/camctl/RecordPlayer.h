@@ -1,15 +1,16 @@
-// Playback of a recorded file at a chosen speed.
-//
-// The player owns one file session that opens and decodes the file. Every
-// decoded picture is held on the session's decode thread until the player's
-// 2 ms timer releases it, so the picture rate follows the file's frame rate
-// times the speed level. Pictures and sound go to the host's callbacks; one
-// picture at a time can be saved as a BMP file.
-//
-// Threads: the host calls the public operations from one thread; the timer
-// thread lives as long as the player and ticks every 2 ms while a file plays
-// unpaused (it sleeps otherwise); the session's decode and audio threads
-// call DoVideoBuffer / DoAudioBuffer.
+/// Playback of a recorded file at a chosen speed.
+///
+/// The player owns one file session that opens and decodes the file. Every
+/// decoded picture is held on the session's decode thread until the player's
+/// 2 ms timer releases it, so the picture rate follows the file's frame rate
+/// times the speed level. Pictures and sound go to the host's callbacks; one
+/// picture at a time can be saved as a BMP file.
+///
+/// Threads: the host calls the public operations from one thread; the timer
+/// thread lives as long as the player and ticks every 2 ms while a file plays
+/// unpaused (it sleeps otherwise); the session's decode and audio threads
+/// call DoVideoBuffer / DoAudioBuffer.
+/// \class CRecordPlayer
 #pragma once
 
 #include <atomic>
@@ -40,36 +41,36 @@ public:
     CRecordPlayer(const CRecordPlayer&) = delete;
     CRecordPlayer& operator=(const CRecordPlayer&) = delete;
 
-    // Opens and starts playing a file. dc, width and height are accepted for
-    // the host's convenience and not used: pictures go to the video callback.
-    // -1 when a file is already playing or cannot be opened.
+    /// Opens and starts playing a file. dc, width and height are accepted for
+    /// the host's convenience and not used: pictures go to the video callback.
+    /// -1 when a file is already playing or cannot be opened.
     int PlayFile(const char* path, CDC* dc, int width, int height);
     int Pause();
     int Resume();
     int Stop();
-    // Jumps to t seconds, rounded down to a multiple of 5 (at least 5).
+    /// Jumps to t seconds, rounded down to a multiple of 5 (at least 5).
     int SeekTime(int t);
-    // 0 or 100 normal; 1..4 slower (1/16, 1/8, 1/4, 1/2); 101..104 faster
-    // (2x, 4x, 8x, 16x). Other values keep the current pace.
+    /// 0 or 100 normal; 1..4 slower (1/16, 1/8, 1/4, 1/2); 101..104 faster
+    /// (2x, 4x, 8x, 16x). Other values keep the current pace.
     int SetSpeedLevel(int level);
     int64_t GetCurrTime();
     int64_t GetDuration();
     bool IsPlayFinish();
 
-    // Folder under which snapshots go to "VMS/PLAY-IMAGE-MANUAL". Missing
-    // levels are created. Default ".".
+    /// Folder under which snapshots go to "VMS/PLAY-IMAGE-MANUAL". Missing
+    /// levels are created. Default ".".
     int SetSaveDir(const char* dir);
-    // Path for a snapshot taken now (out: at least 256 bytes).
+    /// Path for a snapshot taken now (out: at least 256 bytes).
     int GetImagePath(char* out);
-    // Saves the next picture delivered as a BMP file.
+    /// Saves the next picture delivered as a BMP file.
     int SaveImage();
     void SetVideoBufCallBack(PlayerVideoBufCallBack fn, void* user);
     void SetAudioBufCallBack(PlayerAudioBufCallBack fn, void* user);
 
-    // Called by the session's decode thread for every picture; blocks until
-    // the picture is due. -1 when nothing plays.
+    /// Called by the session's decode thread for every picture; blocks until
+    /// the picture is due. -1 when nothing plays.
     int DoVideoBuffer(CVideoSession* session, unsigned char* buf, int width, int height);
-    // Called by the session's audio thread; forwarded at once, not paced.
+    /// Called by the session's audio thread; forwarded at once, not paced.
     int DoAudioBuffer(CVideoSession* session, unsigned short* buf, int count, int rate);
 
 private:

@@ -1,8 +1,9 @@
-// A camera's two weekly schedules: the recording schedule (auto-save times)
-// and the motion-detection schedule (motion-save times). The camera
-// manager's timer ticks it about every 50 ms; about once a second it checks
-// the local time against each schedule and reports every change of state to
-// its camera (NotifyAutoSave / NotifyMotionSave).
+/// A camera's two weekly schedules: the recording schedule (auto-save times)
+/// and the motion-detection schedule (motion-save times). The camera
+/// manager's timer ticks it about every 50 ms; about once a second it checks
+/// the local time against each schedule and reports every change of state to
+/// its camera (NotifyAutoSave / NotifyMotionSave).
+/// \class CTimeManager
 #pragma once
 
 #include <atomic>
@@ -14,18 +15,18 @@
 
 class CIpCamera;
 
-// One weekly schedule entry: eleven signed 32-bit integers.
+/// One weekly schedule entry: eleven signed 32-bit integers.
 struct _record_time_t {
-    int32_t bWeekDay[7];  // 0 Sunday .. 6 Saturday; non-zero: applies that day
-    int32_t nStartHour;   // 0..23
-    int32_t nStartMinute; // 0..59
-    int32_t nEndHour;     // 0..23
-    int32_t nEndMinute;   // 0..59
+    int32_t bWeekDay[7];  ///< 0 Sunday .. 6 Saturday; non-zero: applies that day
+    int32_t nStartHour;   ///< 0..23
+    int32_t nStartMinute; ///< 0..59
+    int32_t nEndHour;     ///< 0..23
+    int32_t nEndMinute;   ///< 0..59
 };
 
 class CTimeManager {
 public:
-    // Wall clock in seconds since 1970; the local time is derived from it.
+    /// Wall clock in seconds since 1970; the local time is derived from it.
     typedef time_t (*ClockFn)();
 
     CTimeManager();
@@ -33,13 +34,13 @@ public:
     CTimeManager(const CTimeManager&) = delete;
     CTimeManager& operator=(const CTimeManager&) = delete;
 
-    // 0, or -1 if already initialised. owner is the CIpCamera to notify.
+    /// 0, or -1 if already initialised. owner is the CIpCamera to notify.
     int Init(void* owner);
-    // 0, or -1 if not initialised. Drops both schedules.
+    /// 0, or -1 if not initialised. Drops both schedules.
     int Free();
-    // Both reported states back to off and the tick count to 0 (no
-    // notification is sent), so a schedule that is on is reported again at
-    // the next check.
+    /// Both reported states back to off and the tick count to 0 (no
+    /// notification is sent), so a schedule that is on is reported again at
+    /// the next check.
     void Reset();
 
     int AddAutoSaveTime(_record_time_t* r);
@@ -47,16 +48,16 @@ public:
     int ResetAutoSaveTime();
     int ResetMotionSaveTime();
 
-    // True when the local time lies inside an entry (both ends inclusive to
-    // the minute; seconds ignored).
+    /// True when the local time lies inside an entry (both ends inclusive to
+    /// the minute; seconds ignored).
     bool CheckAutoSaveTime();
     bool CheckMotionSaveTime();
 
-    // One timer tick: 0, or -1 if not initialised or without owner. The
-    // first check comes at tick 80, then one every 20 ticks.
+    /// One timer tick: 0, or -1 if not initialised or without owner. The
+    /// first check comes at tick 80, then one every 20 ticks.
     int OnTimer();
 
-    // Replaces the clock (null restores the system clock).
+    /// Replaces the clock (null restores the system clock).
     void SetClock(ClockFn now);
 
     bool GetAutoSaveOn() const { return m_bAutoSaveOn.load(std::memory_order_relaxed); }

@@ -1,14 +1,15 @@
-// Paints decoded pictures into a drawing surface (CDC).
-//
-// Start gives the surface, the size of the display area and the picture
-// size; every picture handed to DisplayVideoBuffer is stretched (aspect not
-// kept) into the area's top-left (width - 4) x (height - 3) rectangle, so
-// the picture never covers the area's right and bottom edge. Pictures are
-// packed 24-bit blue-green-red rows stored bottom-up, or, when started
-// with yuv set, planar YUV 4:2:0.
-//
-// DisplayVideoBuffer runs on the thread that delivers pictures while Start
-// and Stop come from the host's thread; the displayer serialises them.
+/// Paints decoded pictures into a drawing surface (CDC).
+///
+/// Start gives the surface, the size of the display area and the picture
+/// size; every picture handed to DisplayVideoBuffer is stretched (aspect not
+/// kept) into the area's top-left (width - 4) x (height - 3) rectangle, so
+/// the picture never covers the area's right and bottom edge. Pictures are
+/// packed 24-bit blue-green-red rows stored bottom-up, or, when started
+/// with yuv set, planar YUV 4:2:0.
+///
+/// DisplayVideoBuffer runs on the thread that delivers pictures while Start
+/// and Stop come from the host's thread; the displayer serialises them.
+/// \class CVideoDisplayer
 #pragma once
 
 #include <cstdint>
@@ -26,15 +27,15 @@ public:
     CVideoDisplayer(const CVideoDisplayer&) = delete;
     CVideoDisplayer& operator=(const CVideoDisplayer&) = delete;
 
-    // Restarts when already started. Returns 0 (a displayer whose scaler
-    // could not be made still counts as started and paints nothing).
+    /// Restarts when already started. Returns 0 (a displayer whose scaler
+    /// could not be made still counts as started and paints nothing).
     int Start(CDC* pDC, int dstWidth, int dstHeight, int width, int height, int yuv = 0);
-    // 0 when painted; -1 when not started, or when the picture's size is not
-    // the size given to Start (restart the displayer after a size change).
-    // yuv, when 0 or 1, is the picture's layout: a picture whose layout is
-    // not the one given to Start is refused (-1) like one of another size.
+    /// 0 when painted; -1 when not started, or when the picture's size is not
+    /// the size given to Start (restart the displayer after a size change).
+    /// yuv, when 0 or 1, is the picture's layout: a picture whose layout is
+    /// not the one given to Start is refused (-1) like one of another size.
     int DisplayVideoBuffer(unsigned char* data, int width, int height, int yuv = -1);
-    // 0, or -1 when not started.
+    /// 0, or -1 when not started.
     int Stop();
     bool IsStarted() const;
 

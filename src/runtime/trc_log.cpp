@@ -1,13 +1,17 @@
 // Debug log of the camera-level classes: each line goes to stderr and is
-// appended to "trc_new.log" beside the executable, opening and closing the
-// file per line. A unit's first line moves the previous file aside.
+// appended to "trc_new.log" beside the executable (or in CAMCTL_LOG_DIR),
+// opening and closing the file per line. A unit's first line moves the
+// previous file aside.
 #include "runtime/trc_log.h"
 
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -29,13 +33,37 @@ std::string ExecutableDir() {
     return buf;
 }
 
+// CAMCTL_LOG_DIR when set and not empty (without trailing '/'), else the
+// executable's folder.
+std::string LogDir() {
+    const char* env = getenv("CAMCTL_LOG_DIR");
+    if (!env || !*env) return ExecutableDir();
+    std::string dir = env;
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    return dir;
+}
+
 // Serialises the first-line rotation of the units within this process.
 std::mutex g_rotateMutex;
+// Set once the failure to write the log has been reported on stderr.
+std::atomic<bool> g_failureReported{false};
+
+void ReportUnwritable(const char* path, int error) {
+    if (g_failureReported.exchange(true)) return;
+    const std::string line = std::string("camctl: cannot write the debug log ") + path + " (" + strerror(error) +
+                             "); its lines are dropped\n";
+    ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+    (void)written;
+}
+
+// A folder too long for the 255-character paths cannot hold the log: its
+// names would be cut, and the cut names must never be renamed or deleted.
+bool LogPathsFit() { return strlen(trc_log_dir()) + sizeof "/trc_new.log" <= kPathSize; }
 
 }  // namespace
 
 const char* trc_log_dir() {
-    static const std::string dir = ExecutableDir();
+    static const std::string dir = LogDir();
     return dir.c_str();
 }
 
@@ -53,6 +81,10 @@ int trc_rotate(char* path_out) {
     char previous[kPathSize];
     snprintf(current, sizeof current, "%s/trc_new.log", trc_log_dir());
     snprintf(previous, sizeof previous, "%s/trc_old.log", trc_log_dir());
+    if (!LogPathsFit()) {
+        if (path_out) path_out[0] = '\0';
+        return 0;
+    }
     if (path_out) memcpy(path_out, current, sizeof current);
 
     if (FILE* f = fopen(previous, "rb")) {
@@ -102,8 +134,12 @@ int trc_log_unit(trc_unit* unit, const char* /*source_path*/, int /*line*/, cons
             firstLine = true;
         }
     }
-    int rc = trc_append(unit->path, line);
-    // Only a failure on the unit's first line is reported; later lines that
-    // cannot be written are lost quietly (stderr still has them).
+    const bool fits = LogPathsFit();
+    errno = 0;
+    int rc = fits ? trc_append(unit->path, line) : -1;
+    // A line that cannot be written is lost (stderr still has it); the first
+    // such loss in the process says so once on stderr. Only a failure on the
+    // unit's first line is returned.
+    if (rc != 0) ReportUnwritable(fits ? unit->path : trc_log_dir(), fits ? errno : ENAMETOOLONG);
     return (firstLine && rc != 0) ? -1 : 0;
 }

@@ -115,15 +115,13 @@ std::string HelpText(const CommandSpec& spec) {
     text += spec.summary;
     text += "\n";
     if (spec.details && *spec.details) text += std::string("\n") + spec.details;
-    if (!spec.options.empty()) {
-        text += "\noptions:\n";
-        for (const OptionSpec& o : spec.options) {
-            std::string left = std::string("  ") + o.name;
-            if (o.value_name) left += std::string(" ") + o.value_name;
-            if (left.size() < 24) left.resize(24, ' ');
-            else left += "  ";
-            text += left + o.help + "\n";
-        }
+    text += "\noptions:\n";
+    for (const OptionSpec& o : spec.options) {
+        std::string left = std::string("  ") + o.name;
+        if (o.value_name) left += std::string(" ") + o.value_name;
+        if (left.size() < 24) left.resize(24, ' ');
+        else left += "  ";
+        text += left + o.help + "\n";
     }
     text += "  -h, --help            this text\n";
     return text;

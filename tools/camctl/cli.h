@@ -145,8 +145,10 @@ std::vector<std::string> FilesBelow(const std::string& dir, const std::string& s
 std::vector<std::string> NewFiles(const std::vector<std::string>& before,
                                   const std::vector<std::string>& after);
 long long FileSize(const std::string& path);
-// Folder of the library's debug log files (the executable's folder).
+// Folder of the library's debug log files (CAMCTL_LOG_DIR, or the
+// executable's folder), and whether files can be made there.
 std::string LogDir();
+bool LogDirWritable();
 std::string FormatDuration(double seconds);  // "01:05"
 
 // ---------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -61,6 +62,7 @@ long long FileSize(const std::string& path) {
 }
 
 std::string LogDir() {
+    if (const char* env = getenv("CAMCTL_LOG_DIR"); env && *env) return env;
     char buf[4096] = {};
     ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
     if (n <= 0) return ".";
@@ -68,6 +70,12 @@ std::string LogDir() {
     size_t slash = exe.rfind('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : exe.substr(0, slash);
+}
+
+bool LogDirWritable() {
+    struct stat st{};
+    const std::string dir = LogDir();
+    return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(dir.c_str(), W_OK | X_OK) == 0;
 }
 
 }  // namespace camctl_cli

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "camsim/media_source.h"
-#include "engine/av_ptr.h"
+#include "camsim/av_owners.h"
 
 namespace camsim {
 namespace {
@@ -74,7 +74,7 @@ std::shared_ptr<const Clip> Clip::Load(const std::string& path, std::string* err
         Fail(error, "cannot open " + path + ": " + AvError(err));
         return nullptr;
     }
-    camctl::InputFormatPtr fmt(raw);
+    InputFormatPtr fmt(raw);
     if ((err = avformat_find_stream_info(fmt.get(), nullptr)) < 0) {
         Fail(error, "no stream info in " + path + ": " + AvError(err));
         return nullptr;
@@ -114,7 +114,7 @@ std::shared_ptr<const Clip> Clip::Load(const std::string& path, std::string* err
 
     // H.264/H.265 in MP4 or MKV carry length-prefixed NAL units; the wire
     // wants Annex-B start codes. Input that is Annex-B already passes as is.
-    camctl::BsfPtr bsf;
+    BsfPtr bsf;
     const char* bsfName = vs->codecpar->codec_id == AV_CODEC_ID_H264   ? "h264_mp4toannexb"
                           : vs->codecpar->codec_id == AV_CODEC_ID_HEVC ? "hevc_mp4toannexb"
                                                                        : nullptr;
@@ -143,8 +143,8 @@ std::shared_ptr<const Clip> Clip::Load(const std::string& path, std::string* err
             {kStreamVideo, (p->flags & AV_PKT_FLAG_KEY) != 0, ms, std::vector<uint8_t>(p->data, p->data + p->size)});
     };
 
-    camctl::PacketPtr pkt = camctl::MakePacket();
-    camctl::PacketPtr out = camctl::MakePacket();
+    PacketPtr pkt = MakePacket();
+    PacketPtr out = MakePacket();
     auto drain = [&]() {
         while (av_bsf_receive_packet(bsf.get(), out.get()) == 0) {
             addVideo(out.get());

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "engine/av_ptr.h"
+#include "camsim/av_owners.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -89,19 +89,19 @@ struct Pending {
 struct PatternSource::Impl {
     PatternOptions opt;
     // Video encoder and its current settings.
-    camctl::CodecContextPtr venc;
-    camctl::FramePtr vframe;
+    CodecContextPtr venc;
+    FramePtr vframe;
     VideoCodec vcodec = VideoCodec::H264;
     int width = 0;
     int height = 0;
     int64_t frameIndex = 0;
     // Audio encoder.
-    camctl::CodecContextPtr aenc;
-    camctl::FramePtr aframe;
+    CodecContextPtr aenc;
+    FramePtr aframe;
     int64_t audioSamples = 0;
     int audioFrameSize = 0;
 
-    camctl::PacketPtr pkt = camctl::MakePacket();
+    PacketPtr pkt = MakePacket();
     std::deque<Pending> pending;
     Pending current;
 
@@ -134,7 +134,7 @@ bool PatternSource::Impl::OpenVideo(VideoCodec codec, int w, int h, std::string*
         if (error) *error = "no video encoder";
         return false;
     }
-    camctl::CodecContextPtr ctx(avcodec_alloc_context3(enc));
+    CodecContextPtr ctx(avcodec_alloc_context3(enc));
     if (!ctx) return false;
     ctx->width = w;
     ctx->height = h;
@@ -163,7 +163,7 @@ bool PatternSource::Impl::OpenVideo(VideoCodec codec, int w, int h, std::string*
         if (error) *error = std::string("cannot open ") + enc->name + ": " + AvError(err);
         return false;
     }
-    camctl::FramePtr frame = camctl::MakeFrame();
+    FramePtr frame = MakeFrame();
     frame->format = ctx->pix_fmt;
     frame->width = w;
     frame->height = h;
@@ -192,7 +192,7 @@ bool PatternSource::Impl::OpenAudio(std::string* error) {
         if (error) *error = std::string("no audio encoder for ") + avcodec_get_name(id);
         return false;
     }
-    camctl::CodecContextPtr ctx(avcodec_alloc_context3(enc));
+    CodecContextPtr ctx(avcodec_alloc_context3(enc));
     ctx->sample_rate = rate;
     ctx->time_base = AVRational{1, rate};
     av_channel_layout_default(&ctx->ch_layout, 1);
@@ -208,7 +208,7 @@ bool PatternSource::Impl::OpenAudio(std::string* error) {
         return false;
     }
     audioFrameSize = ctx->frame_size > 0 ? ctx->frame_size : rate / 25;
-    camctl::FramePtr frame = camctl::MakeFrame();
+    FramePtr frame = MakeFrame();
     frame->format = ctx->sample_fmt;
     frame->sample_rate = rate;
     frame->nb_samples = audioFrameSize;
