@@ -8,7 +8,8 @@
 # References, measured inside the benchmark programs in the same run: the
 # ffmpeg command line (-threads 1 -pix_fmt bgr24|yuv420p -f null -, and
 # -c copy -f avi), libjpeg-turbo, a bare 2 ms ticker for the player timer,
-# and ffmpeg's single-core 720p rate for the live-camera bound.
+# ffmpeg's single-core 720p rate for the live-camera bound, and a C++ host
+# for the Python module (bench/python_bench.py).
 # Results: a table of ratios on stdout, the generated section of
 # docs/PERFORMANCE.md (between the compare markers) and
 # docs/live_fps_per_camera.png (gnuplot).
@@ -39,6 +40,9 @@ BENCHES=()
 for src in bench/*_bench.cpp; do BENCHES+=("$(basename "$src" .cpp)"); done
 echo "compare: building ${BENCHES[*]}"
 cmake --build "$BUILD" -j "${CAMCTL_JOBS:-2}" --target "${BENCHES[@]}" 2>&1 | grep -E "error|Error" || true
+# The Python module and the C++ host it is compared with (when pybind11 is there).
+cmake --build "$BUILD" -j "${CAMCTL_JOBS:-2}" --target camctl_python camctl_callback_host camsim 2>&1 |
+  grep -E "error|Error" || true
 BUILT=$(date +%s)
 
 mkdir -p "$OUT"
@@ -93,6 +97,13 @@ RUN_TAG=latency CAMCTL_LATENCY_TRIAL_S=${CAMCTL_LATENCY_TRIAL_S:-60} run latency
 # ffmpeg segmenting process per camera.
 RUN_TAG=record_scale CAMCTL_RECORD_N=${CAMCTL_RECORD_N:-200} CAMCTL_RECORD_REF_N=${CAMCTL_RECORD_REF_N:-8} \
   CAMCTL_RECORD_TRIAL_S=${CAMCTL_RECORD_TRIAL_S:-60} run record_scale_bench 900
+
+# The Python module against a C++ host (3 rounds of 10 s per pair).
+if [ -f "$BUILD/bench/camctl_callback_host" ] && ls "$BUILD"/python/camctl*.so >/dev/null 2>&1; then
+  echo "compare: python_bench ..."
+  /usr/bin/python3 bench/python_bench.py "$BUILD" "$OUT" >"$OUT/python_bench.log" 2>&1 ||
+    echo "compare: python_bench ended with status $? (see $OUT/python_bench.log)"
+fi
 
 # The camera-count search (60 s trials), when the camera benchmark exists.
 CAMCTL_BENCH_TRIAL_SECONDS=${CAMCTL_CAMERA_TRIAL_S:-60} CAMCTL_BENCH_MAX_TRIALS=${CAMCTL_CAMERA_TRIALS:-3} \

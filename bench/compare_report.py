@@ -271,6 +271,22 @@ def build_rows(d):
                  fmt(rtsp / rtsp_ref if rtsp and rtsp_ref else None), "recorded (#11)",
                  "recorded" if rtsp is not None else "not measured"))
 
+    # The Python module against a C++ host on the same 1080p camera.
+    for mode, what, key in (("Callback", "1080p pictures to a Python callback vs a C++ callback, CPU per picture",
+                             "cpu_ms_per_picture"),
+                            ("Latest", "latest() on a 25 fps 1080p camera vs a C++ host's newest-picture slot, CPU",
+                             "cpu_pct")):
+        unit = " ms" if key == "cpu_ms_per_picture" else " % core"
+        py = find(d, "python_bench", rf"^BM_Python{mode}1080p", key)
+        cpp = find(d, "python_bench", rf"^BM_Cpp{mode}1080p", key)
+        ratio = find(d, "python_bench", rf"^BM_Python{mode}1080p", "ratio")
+        if mode == "Latest":
+            age = find(d, "python_bench", r"^BM_PythonLatest1080p", "age_ms")
+            top = find(d, "python_bench", r"^BM_PythonLatest1080p", "age_max_ms")
+            what += f" (age {fmt(age, 1)} ms, max {fmt(top, 1)} ms)"
+        rows.append((what, fmt(py, 2, unit), f"C++: {fmt(cpp, 2, unit)}", fmt(ratio, 3), "<= 1.10 (#19)",
+                     verdict(None if ratio is None else ratio <= 1.10)))
+
     # Idle CPU.
     idle = find(d, "player_bench", r"^BM_IdlePlayerTimer/1", "core_pct_per_player")
     tick = find(d, "player_bench", r"^BM_BareTwoMsTicker/1", "core_pct_per_thread")
@@ -397,7 +413,7 @@ def main(argv):
     rows, sweep, bound = build_rows(outdir)
     print(table(rows))
     for tag in ("engine_bench", "h265_bench", "recorder_bench", "imaging_bench", "colour_bench", "player_bench",
-                "camera_bench", "live_ref"):
+                "camera_bench", "live_ref", "python_bench"):
         e = error_of(outdir, tag, ".")
         if e:
             print(f"compare: {tag}: {e}")

@@ -19,6 +19,7 @@ PKGS=(
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   clang libclang-rt-14-dev gnuplot-nox
   dpkg-dev file doxygen
+  pybind11-dev python3-dev python3-numpy python3-pytest
 )
 if [ "${1:-}" = --lintian ]; then PKGS+=(lintian); fi
 
