@@ -76,6 +76,7 @@ struct FFMpegContext {
     std::atomic<float> m_fNetRate{0.0f};
     std::atomic<int32_t> m_nNetFrameRate{0};
     std::atomic<int32_t> m_nFramesCount{0};
+    bool m_bProbeKeyQueued = false;  // the RTSP size probe queued a key frame (set before the threads start)
 
     camctl::Ihw265dHandle m_hH265Decoder;  // IHW265D instance, HEVC only (deleted with the context)
 

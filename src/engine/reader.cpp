@@ -7,6 +7,7 @@
 // packets (it reads no further once 10 are waiting, as each read may add
 // one); a live source whose decoder lags is flushed above 100 and then
 // waits for the next key frame.
+#include <cstring>
 #include <ctime>
 
 #include "engine/engine.h"
@@ -32,6 +33,7 @@ bool StartsPicture(const FFMpegContext* ctx, const AVPacket* pkt) {
 
 // Per-thread counters of the reader.
 struct ReaderState {
+    camctl::PacketPtr heldKey;    // a key picture that may have more pieces to come
     uint64_t rateStart = 0;       // start of the bit-rate period
     uint64_t frameRateStart = 0;  // start of the frame-rate period
     uint64_t periodBytes = 0;     // video bytes in the bit-rate period
@@ -117,6 +119,37 @@ bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt
     return true;
 }
 
+void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt);
+
+// Counts, records and queues a packet of the video or audio stream.
+void HandOn(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
+    if (pkt->stream_index == ctx->m_nVideoIndex) CountVideoPacket(ctx, st, pkt);
+    st.lastPacketTime = time(nullptr);
+    RecordWritePacket(ctx, pkt);
+    Enqueue(ctx, st, pkt);
+    av_packet_unref(pkt);
+}
+
+// Joins the pieces of a key picture (see JoinKeyPicturePiece): a key packet
+// is held until the next video packet shows whether it continues it. True
+// when pkt was taken (held or joined) and nothing is to be handed on now.
+bool HoldKeyPicture(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
+    if (pkt->stream_index != ctx->m_nVideoIndex || !SplitsKeyPictures(ctx)) return false;
+    if (st.heldKey) {
+        if (JoinKeyPicturePiece(st.heldKey.get(), pkt)) {
+            av_packet_unref(pkt);
+            return true;
+        }
+        HandOn(ctx, st, st.heldKey.get());
+        st.heldKey.reset();
+    }
+    if (!IsKey(pkt)) return false;
+    st.heldKey = camctl::MakePacket();
+    if (!st.heldKey) return false;
+    av_packet_move_ref(st.heldKey.get(), pkt);
+    return true;
+}
+
 void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
     if (st.dropUntilKey) {
         if (pkt->stream_index != ctx->m_nVideoIndex || !IsKey(pkt)) return;
@@ -144,6 +177,9 @@ void* ReadThreadProc(void* arg) {
     ReaderState st;
     st.rateStart = st.frameRateStart = os_tick_count64();
     st.lastPacketTime = time(nullptr);
+    // An RTSP open queues the key frame its picture-size probe decoded; the
+    // packets after it continue that picture's group and are queued too.
+    st.videoQueued = ctx->m_bProbeKeyQueued;
     camctl::PacketPtr pkt = camctl::MakePacket();
     if (!pkt) {
         ctx->m_bReadEnd = 1;
@@ -180,15 +216,26 @@ void* ReadThreadProc(void* arg) {
             av_packet_unref(pkt.get());
             continue;
         }
-        if (index == ctx->m_nVideoIndex) CountVideoPacket(ctx, st, pkt.get());
-
-        st.lastPacketTime = time(nullptr);
-        RecordWritePacket(ctx, pkt.get());
-        Enqueue(ctx, st, pkt.get());
-        av_packet_unref(pkt.get());
+        if (!HoldKeyPicture(ctx, st, pkt.get())) HandOn(ctx, st, pkt.get());
     }
     ctx->m_bReadEnd = 1;
     return nullptr;
+}
+
+bool SplitsKeyPictures(const FFMpegContext* ctx) {
+    if (ctx->m_bHttpFrame) return false;  // the private stream sends whole pictures
+    return ctx->m_nVideoCodecId == AV_CODEC_ID_H264 || ctx->m_nVideoCodecId == AV_CODEC_ID_HEVC;
+}
+
+bool JoinKeyPicturePiece(AVPacket* held, const AVPacket* pkt) {
+    if (!IsKey(held) || !IsKey(pkt) || pkt->stream_index != held->stream_index) return false;
+    if (held->pts != AV_NOPTS_VALUE && held->pts != pkt->pts) return false;
+    const int start = held->size;
+    if (av_grow_packet(held, pkt->size) < 0) return false;
+    std::memcpy(held->data + start, pkt->data, size_t(pkt->size));
+    held->pts = pkt->pts;
+    held->dts = pkt->dts;
+    return true;
 }
 
 int SyncVideoToAudio(FFMpegContext* ctx, int64_t pts) {

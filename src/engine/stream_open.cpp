@@ -87,7 +87,8 @@ int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AV
 // Reads up to kProbePackets packets and decodes video until a picture comes
 // out; its size becomes the context's size. A key frame that gave the
 // picture is queued so the stream starts with it (MJPEG pictures stand
-// alone and need no such help).
+// alone and need no such help), joined with its further pieces if it came
+// in several (see JoinKeyPicturePiece).
 void ProbePictureSize(FFMpegContext* ctx) {
     AVFormatContext* fmt = ctx->m_pFormatCtx.get();
     AVCodecContext* cc = ctx->m_pVideoCodecCtx.get();
@@ -105,7 +106,17 @@ void ProbePictureSize(FFMpegContext* ctx) {
         if (got) {
             ctx->m_nWidth = frame->width;
             ctx->m_nHeight = frame->height;
-            if ((pkt->flags & AV_PKT_FLAG_KEY) && ctx->m_nVideoCodecId != kCodecMjpeg) PushVideoPacket(ctx, pkt.get());
+            if ((pkt->flags & AV_PKT_FLAG_KEY) && ctx->m_nVideoCodecId != kCodecMjpeg) {
+                camctl::PacketPtr piece = camctl::MakePacket();
+                while (piece && SplitsKeyPictures(ctx) && ++i < kProbePackets && av_read_frame(fmt, piece.get()) >= 0) {
+                    const bool video = piece->stream_index == ctx->m_nVideoIndex;
+                    const bool joined = video && JoinKeyPicturePiece(pkt.get(), piece.get());
+                    av_packet_unref(piece.get());
+                    if (video && !joined) break;
+                }
+                PushVideoPacket(ctx, pkt.get());
+                ctx->m_bProbeKeyQueued = true;
+            }
             av_packet_unref(pkt.get());
             break;
         }

@@ -13,14 +13,16 @@ import sys
 import gi
 
 gi.require_version("Gst", "1.0")
+gi.require_version("GstRtsp", "1.0")
 gi.require_version("GstRtspServer", "1.0")
-from gi.repository import GLib, Gst, GstRtspServer  # noqa: E402
+from gi.repository import GLib, Gst, GstRtsp, GstRtspServer  # noqa: E402
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--port-file", required=True)
     parser.add_argument("--port", type=int, default=0, help="0: any free port")
+    parser.add_argument("--udp-only", action="store_true", help="refuse interleaved TCP")
     parser.add_argument("--mount", nargs=2, action="append", default=[], metavar=("PATH", "LAUNCH"))
     args = parser.parse_args()
 
@@ -33,6 +35,8 @@ def main():
         factory = GstRtspServer.RTSPMediaFactory()
         factory.set_launch(launch)
         factory.set_shared(False)  # every client gets its own pipeline
+        if args.udp_only:
+            factory.set_protocols(GstRtsp.RTSPLowerTrans.UDP)
         mounts.add_factory(path, factory)
     if server.attach(None) == 0:
         print("rtsp_server: attach failed", file=sys.stderr)
