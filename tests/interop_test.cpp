@@ -43,6 +43,8 @@ struct Row {
     int pictures = kPictures;
 };
 
+void PrintTo(const Row& row, std::ostream* os) { *os << row.name; }
+
 std::string X264(const std::string& opts, const std::string& pay = "config-interval=-1") {
     return "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=25 " + opts + " ! rtph264pay pt=96 " + pay;
 }
@@ -59,7 +61,9 @@ Row WithAudio(const char* name, const std::string& audio, int rate, int channels
     r.channels = channels;
     return r;
 }
-std::string G726(int kbit) { return "avenc_g726 bitrate=" + std::to_string(kbit * 1000) + " ! rtpg726pay pt=97"; }
+std::string G726(int kbit) {
+    return "avenc_g726 bitrate=" + std::to_string(kbit * 1000) + " ! rtpg726pay pt=97 max-ptime=40000000";
+}
 
 std::vector<Row> Rows() {
     const std::string aac = "audioconvert ! avenc_aac ! rtpmp4gpay pt=97";

@@ -146,13 +146,16 @@ camctl::CodecContextPtr MakeVideoDecoder(const AVCodec* dec, const AVStream* st)
 }
 
 // Opens the decoder of a demuxer's audio stream from its parameters. A
-// decoder that will not open leaves the stream without audio.
-void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStream* st, int index) {
+// decoder that will not open leaves the stream without audio. G.726 is
+// 2 bits a sample, except over RTSP, where the SDP's G726-16/24/32/40 name
+// gives 2 to 5.
+void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStream* st, int index, bool rtsp) {
     camctl::CodecContextPtr ac(avcodec_alloc_context3(dec));
     if (!ac || avcodec_parameters_to_context(ac.get(), st->codecpar) < 0) return;
     ac->pkt_timebase = st->time_base;
     if (dec->id == AV_CODEC_ID_ADPCM_G726) {
-        ac->bits_per_coded_sample = 2;
+        const int bits = st->codecpar->bits_per_coded_sample;
+        ac->bits_per_coded_sample = rtsp && bits >= 2 && bits <= 5 ? bits : 2;
         ac->sample_rate = 8000;
     } else if (dec->id == AV_CODEC_ID_ADPCM_G722) {
         ac->bits_per_coded_sample = 4;
@@ -226,10 +229,11 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     // leaves the stream to FFmpeg.
     if (ctx->m_nVideoCodecId == kCodecHevc) camctl::h265::CreateContextDecoder(ctx);
 
-    // An audio stream at index 0 is not taken.
+    // The audio stream is taken at any index: a camera whose SDP lists its
+    // audio before the video has it at index 0.
     const AVCodec* adec = nullptr;
     int ai = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, &adec, 0);
-    if (ai > 0 && adec) OpenStreamAudioDecoder(ctx, adec, fmt->streams[ai], ai);
+    if (ai >= 0 && adec) OpenStreamAudioDecoder(ctx, adec, fmt->streams[ai], ai, rtsp);
     ctx->m_bHttpFrame = 0;
     return 0;
 }
