@@ -2,6 +2,7 @@
 #pragma once
 
 #include "camctl/FrameListener.h"
+#include "camctl/OpenFailure.h"
 #include "camctl/VideoSession.h"
 #include "camctl/UrlVideoSession.h"
 #include "camctl/FileVideoSession.h"

@@ -182,15 +182,17 @@ void CIpCamera::EndMainChange(const char* openedUrl) {
 // stream's decoding thread, which may itself be waiting for that lock.
 int CIpCamera::OpenMainStreamVideo(const char* url) {
     const bool yuv = m_bYuvDisplay.load();
+    char masked[kTextSize];
+    MaskUrlCredentials(url, masked, sizeof masked);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo url:%s  start yuv:%d... ",
-            GetId(), m_szName, url ? url : "", yuv ? 1 : 0);
+            GetId(), m_szName, masked, yuv ? 1 : 0);
     m_TimeManager.Reset();
     BeginMainChange();
     m_MainVideoSession.VideoFree();
     m_bMainYuv.store(yuv);
     m_MainVideoSession.SetD3DDisplay(yuv ? 1 : 0);
     m_MainVideoSession.SetSmoothStream(m_nSmoothStream.load());
-    const bool opened = url && m_MainVideoSession.VideoInit(this, url) == 0;
+    const bool opened = m_MainVideoSession.VideoInit(this, url) == 0;  // a null url fails there
     EndMainChange(opened ? url : nullptr);
     if (opened) {
         trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s)  OpenMainStreamVideo end suc context:0x%llx... ",
@@ -204,13 +206,17 @@ int CIpCamera::OpenMainStreamVideo(const char* url) {
 
 int CIpCamera::OpenSubStreamVideo(const char* url) {
     const bool yuv = m_bYuvDisplay.load();
+    char masked[kTextSize];
+    MaskUrlCredentials(url, masked, sizeof masked);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo url:%s start ... ", GetId(),
-            m_szName, url ? url : "");
+            m_szName, masked);
     bool usable = false;
     {
         std::lock_guard<std::recursive_mutex> lock(m_hLock);
         usable = url && strlen(url) >= 4 && m_szMainUrl[0] != '\0' &&
                  strcasecmp(url, m_szMainUrl) != 0;
+        m_nSubOpenFailure = CAMCTL_OPEN_OK;  // none tried, or this one opens
+        m_szSubOpenFailure[0] = '\0';
     }
     if (!usable) {
         // A separate sub stream that was open is closed rather than left
@@ -241,11 +247,22 @@ int CIpCamera::OpenSubStreamVideo(const char* url) {
                 GetId(), m_szName, ctx);
         return 0;
     }
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_hLock);
+        m_nSubOpenFailure = session->GetOpenFailure(m_szSubOpenFailure, sizeof m_szSubOpenFailure);
+    }
     session.reset();
     m_pSubVideoSession.store(&m_MainVideoSession);
     trc_log(__FILE__, __LINE__, "", "Camera(id:%d  name:%s) OpenSubStreamVideo error init to m_MainVideoSession",
             GetId(), m_szName);
     return 0;
+}
+
+int CIpCamera::GetOpenFailure(bool bMain, char* text, int size) {
+    if (bMain) return m_MainVideoSession.GetOpenFailure(text, size);
+    std::lock_guard<std::recursive_mutex> lock(m_hLock);
+    if (text && size > 0) os_strlcpy(text, m_szSubOpenFailure, size);
+    return m_nSubOpenFailure;
 }
 
 int CIpCamera::CloseMainStreamVideo() {

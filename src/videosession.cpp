@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "engine/engine.h"
+#include "runtime/os.h"
 
 namespace {
 
@@ -57,7 +58,10 @@ int CVideoSession::FrameWait(FFMpegContext* ctx) {
 }
 
 int CVideoSession::VideoInit(void* owner, const char* url) {
-    if (m_bOpen) return -1;
+    if (m_bOpen) {
+        SetOpenFailure(CAMCTL_OPEN_OTHER, "the session is already open (its stream is kept)");
+        return -1;
+    }
     ContextOptions options;
     if (m_bFileSession) {
         options.decode = 1;
@@ -66,8 +70,10 @@ int CVideoSession::VideoInit(void* owner, const char* url) {
     // The owner is in place before the threads start: the first pictures
     // reach it, and the threads never see the field change under them.
     m_pOwner = owner;
+    OpenFailureInfo failure;
     FFMpegContext* ctx = FFMpegContextCreateEx(static_cast<IFrameListener*>(this), url, m_bD3DDisplay,
-                                               &CVideoSession::FrameWait, m_nSmoothStream, options);
+                                               &CVideoSession::FrameWait, m_nSmoothStream, options, &failure);
+    SetOpenFailure(failure.reason, failure.text);
     if (!ctx) {
         m_pOwner = nullptr;
         return -1;
@@ -75,6 +81,18 @@ int CVideoSession::VideoInit(void* owner, const char* url) {
     m_pContext = ctx;
     m_bOpen = 1;
     return 0;
+}
+
+void CVideoSession::SetOpenFailure(int reason, const char* text) {
+    std::lock_guard<std::mutex> lock(m_OpenFailureLock);
+    m_nOpenFailure = reason;
+    os_strlcpy(m_szOpenFailure, text, sizeof m_szOpenFailure);
+}
+
+int CVideoSession::GetOpenFailure(char* text, int size) const {
+    std::lock_guard<std::mutex> lock(m_OpenFailureLock);
+    if (text && size > 0) os_strlcpy(text, m_szOpenFailure, size);
+    return m_nOpenFailure;
 }
 
 int CVideoSession::VideoFree() {
@@ -147,4 +165,16 @@ int CVideoSession::SendVideoCond() {
     int round = s_nCondRound.load(std::memory_order_relaxed) + 1;
     s_nCondRound.store(round >= kCondRounds ? 0 : round, std::memory_order_relaxed);
     return 0;
+}
+
+const char* CamctlOpenFailureName(int reason) {
+    switch (reason) {
+        case CAMCTL_OPEN_OK: return "ok";
+        case CAMCTL_OPEN_UNREACHABLE: return "unreachable";
+        case CAMCTL_OPEN_UNAUTHORIZED: return "credentials refused";
+        case CAMCTL_OPEN_NOT_FOUND: return "not found";
+        case CAMCTL_OPEN_NO_VIDEO: return "no video";
+        case CAMCTL_OPEN_BAD_URL: return "bad url";
+        default: return "failed";
+    }
 }

@@ -449,7 +449,8 @@ TEST(CamctlCli, BadInput_ConnectionRefused) {
     Result r = RunCamctl({"probe", "http://127.0.0.1:" + std::to_string(port) + "/stream"}, 30);
     EXPECT_EQ(r.code, 3) << r.err;
     EXPECT_EQ(Lines(r.err).size(), 1u) << r.err;
-    EXPECT_TRUE(Contains(r.err, "connection refused by 127.0.0.1:" + std::to_string(port))) << r.err;
+    EXPECT_TRUE(Contains(r.err, "cannot open: unreachable: ")) << r.err;
+    EXPECT_TRUE(Contains(r.err, "Connection refused (is the camera on, and is " + std::to_string(port))) << r.err;
 }
 
 TEST(CamctlCli, BadInput_NotAMediaFile) {
@@ -463,7 +464,7 @@ TEST(CamctlCli, BadInput_NotAMediaFile) {
         EXPECT_EQ(r.code, 3) << command << ": " << r.err;
         EXPECT_EQ(Lines(r.err).size(), 1u) << r.err;
         EXPECT_TRUE(Contains(r.err, "notes.mp4")) << r.err;
-        EXPECT_TRUE(Contains(r.err, "no video stream it can decode")) << r.err;
+        EXPECT_TRUE(Contains(r.err, "no video")) << r.err;
     }
 }
 

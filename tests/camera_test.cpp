@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <mutex>
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built
@@ -24,6 +25,8 @@
 #include "camctl/IpCamera.h"
 #include "camctl/IpCameraManager.h"
 #include "camsim/server.h"
+#include "engine/engine.h"
+#include "support/cli_support.h"
 #include "support/fixtures.h"
 #include "support/rtsp_server.h"
 
@@ -392,6 +395,57 @@ TEST_F(LiveCameraTest, Delivery_RtspStreamReachesTheHost) {
     std::lock_guard<std::mutex> lock(view_.mu);
     EXPECT_EQ(view_.width, 320);
     EXPECT_EQ(view_.height, 240);
+}
+
+// Why an open failed, for each failure a user meets, against real servers;
+// every open ends within its deadlines (TCP, then UDP for RTSP).
+TEST_F(LiveCameraTest, OpenFailure_ReasonForEachKindOfSource) {
+    using camctl_test::RtspServer;
+    if (!RtspServer::Available()) GTEST_SKIP() << "no RTSP server bindings";
+    const std::string video = RtspServer::H264(160, 120, 25, 25);
+    RtspServer server({{"/basic", video, RtspServer::Auth::kBasic, "viewer", "s3cret"},
+                       {"/digest", video, RtspServer::Auth::kDigest, "viewer", "s3cret"},
+                       {"/audio", "( audiotestsrc is-live=true ! audio/x-raw,rate=8000,channels=1 ! mulawenc ! "
+                                  "rtppcmupay name=pay0 )"}});
+    ASSERT_TRUE(server.ok()) << server.Log();
+    camctl_test::SilentServer silent;
+    const std::string nobody = "127.0.0.1:" + std::to_string(camctl_test::FreeLoopbackPort());
+    const std::string text = dir_.path() + "/notes.mp4";
+    std::ofstream(text) << "a text file, not a video\n";
+    struct Row {
+        const char* name;
+        std::string url;
+        int reason;
+    };
+    const Row rows[] = {
+        {"basic, right credentials", server.Url("/basic", "viewer:s3cret"), CAMCTL_OPEN_OK},
+        {"digest, right credentials", server.Url("/digest", "viewer:s3cret"), CAMCTL_OPEN_OK},
+        {"digest, wrong password", server.Url("/digest", "viewer:wrong"), CAMCTL_OPEN_UNAUTHORIZED},
+        {"basic, no credentials", server.Url("/basic"), CAMCTL_OPEN_UNAUTHORIZED},
+        {"wrong path", server.Url("/nothere"), CAMCTL_OPEN_NOT_FOUND},
+        {"audio only", server.Url("/audio"), CAMCTL_OPEN_NO_VIDEO},
+        {"accepts, never answers", "rtsp://127.0.0.1:" + std::to_string(silent.port()) + "/cam", CAMCTL_OPEN_NO_VIDEO},
+        {"nothing listening, RTSP", "rtsp://" + nobody + "/cam", CAMCTL_OPEN_UNREACHABLE},
+        {"nothing listening, frame stream", "http://" + nobody + "/cam", CAMCTL_OPEN_UNREACHABLE},
+        {"unknown scheme", "foo://127.0.0.1/cam", CAMCTL_OPEN_BAD_URL},
+        {"missing file", dir_.path() + "/missing.mp4", CAMCTL_OPEN_NOT_FOUND},
+        {"not a media file", text, CAMCTL_OPEN_NO_VIDEO},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto start = Clock::now();
+        const int rc = cam_->OpenMainStreamVideo(row.url.c_str());
+        EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(2 * kNetOpenTimeoutMs + 5000));
+        char detail[256] = "unchanged";
+        EXPECT_EQ(cam_->GetOpenFailure(true, detail, sizeof detail), row.reason) << detail;
+        EXPECT_EQ(rc, row.reason == CAMCTL_OPEN_OK ? 0 : -1);
+        EXPECT_EQ(detail[0] == '\0', row.reason == CAMCTL_OPEN_OK) << detail;
+    }
+    // A sub stream that fails is no error for the caller, but says why.
+    ASSERT_EQ(cam_->OpenMainStreamVideo(server.Url("/basic", "viewer:s3cret").c_str()), 0);
+    EXPECT_EQ(cam_->OpenSubStreamVideo(server.Url("/digest").c_str()), 0);
+    EXPECT_EQ(cam_->GetOpenFailure(false, nullptr, 0), CAMCTL_OPEN_UNAUTHORIZED);
+    EXPECT_EQ(cam_->GetOpenFailure(true, nullptr, 0), CAMCTL_OPEN_OK);
 }
 
 TEST_F(LiveCameraTest, Recording_ManualFileNamedWithItsLengthAndAlwaysFinished) {

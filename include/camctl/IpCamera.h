@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "camctl/MotionDetector.h"
+#include "camctl/OpenFailure.h"
 #include "camctl/TimeManager.h"
 #include "camctl/UrlVideoSession.h"
 #include "camctl/VideoDisplayer.h"
@@ -83,6 +84,11 @@ public:
     // Smooth-stream pacing, from the host's display timer.
     void SendVideoCond();
     int GetMainVideoCodec();
+    // Why the last open of the main (bMain) or of a separate sub stream
+    // failed: a CamctlOpenFailure, CAMCTL_OPEN_OK after a success or when
+    // none was tried. The detail goes to text as CVideoSession::GetOpenFailure
+    // gives it.
+    int GetOpenFailure(bool bMain, char* text, int size);
     bool IsMainVideoOpenSuc();
     bool IsMainVideoFinish();
     bool IsSubVideoOpenSuc();
@@ -189,15 +195,19 @@ private:
     // (m_szAviPath, m_nRecordStartTime, m_nRecordReserved, m_bMainBusy),
     // the snapshot state (m_szImagePath, m_bImagePending, m_nImageRemain,
     // m_nImageType, m_nLastImageTime), the stream URLs, the separate sub
-    // session and m_AlarmRegion; m_nRecordFlags is written under it and read
-    // without it. Every call into a session's media context is made under
-    // it, except closing and opening, which run outside it.
+    // session, the sub stream's open failure and m_AlarmRegion;
+    // m_nRecordFlags is written under it and read without it. Every call
+    // into a session's media context is made under it, except closing and
+    // opening, which run outside it.
     std::recursive_mutex m_hLock;
     // The main session is being closed or opened: no call reaches it.
     bool m_bMainBusy = false;
 
     char m_szMainUrl[256] = {};
     char m_szSubUrl[256] = {};
+    // Why the last sub-stream open failed (its session is gone by then).
+    int32_t m_nSubOpenFailure = CAMCTL_OPEN_OK;
+    char m_szSubOpenFailure[256] = {};
     std::atomic<int32_t> m_nId{-1};
     char m_szName[256] = {};
     char m_szIpAddr[256] = {};

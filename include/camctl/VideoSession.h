@@ -16,8 +16,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "camctl/FrameListener.h"
+#include "camctl/OpenFailure.h"
 
 struct FFMpegContext;
 struct os_cond;
@@ -44,6 +46,11 @@ public:
     // Opens url ("rtsp://...", "http://..." private frames, or a file) for
     // owner. -1 when already open (the open stream is kept) or on failure.
     int VideoInit(void* owner, const char* url);
+    // Why the last VideoInit failed: a CamctlOpenFailure (CAMCTL_OPEN_OK
+    // after a success or before any). Copies the detail (what was being
+    // done and FFmpeg's error text, never a password) into text, at most
+    // size - 1 characters and a NUL; text may be null.
+    int GetOpenFailure(char* text, int size) const;
     // Closes the stream; also resets the display flag and the owner.
     // -1 when not open.
     int VideoFree();
@@ -75,4 +82,12 @@ protected:
     int32_t m_nCondCount;      // SendVideoCond calls since the last release
     int32_t m_nSmoothStream;
     int32_t m_nCondAdjust;     // correction added to the frame interval
+
+private:
+    void SetOpenFailure(int reason, const char* text);
+
+    // The last VideoInit's failure, read from any thread.
+    mutable std::mutex m_OpenFailureLock;
+    int32_t m_nOpenFailure = CAMCTL_OPEN_OK;
+    char m_szOpenFailure[256] = {};
 };

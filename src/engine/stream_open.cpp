@@ -9,6 +9,8 @@
 // RTSP runs interleaved over the TCP control connection first: a server that
 // stops answering or goes away is then noticed by the next read. Only when
 // the server refuses that transport is the stream opened again over UDP.
+#include <netdb.h>
+
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -60,6 +62,63 @@ std::string ErrText(int err) {
 }
 
 bool Contains(const char* s, const char* what) { return s && std::strstr(s, what) != nullptr; }
+
+// Records why an open failed (when the caller asked) and answers -1. The
+// detail is what was being done, then FFmpeg's text for err (if any).
+int OpenFailed(OpenFailureInfo* failure, int reason, const std::string& doing, int err = 0) {
+    if (failure) {
+        failure->reason = reason;
+        const std::string text = err ? doing + ": " + ErrText(err) : doing;
+        os_strlcpy(failure->text, text.c_str(), sizeof failure->text);
+    }
+    return -1;
+}
+
+// A failed avformat_open_input / avio_open2 as a reason a user can act on.
+// AVERROR_EXIT is our own open deadline: nothing answered in time.
+int OpenErrorReason(int err) {
+    switch (err) {
+        case AVERROR_HTTP_UNAUTHORIZED:
+        case AVERROR_HTTP_FORBIDDEN:
+            return CAMCTL_OPEN_UNAUTHORIZED;
+        case AVERROR_HTTP_NOT_FOUND:
+        case AVERROR(ENOENT):
+            return CAMCTL_OPEN_NOT_FOUND;
+        case AVERROR(ECONNREFUSED):
+        case AVERROR(EHOSTUNREACH):
+        case AVERROR(ENETUNREACH):
+        case AVERROR(ETIMEDOUT):
+        case AVERROR_EXIT:
+            return CAMCTL_OPEN_UNREACHABLE;
+        case AVERROR_PROTOCOL_NOT_FOUND:
+        case AVERROR(EINVAL):
+            return CAMCTL_OPEN_BAD_URL;
+        case AVERROR_INVALIDDATA:
+        case AVERROR_DEMUXER_NOT_FOUND:
+            return CAMCTL_OPEN_NO_VIDEO;
+        default:
+            return CAMCTL_OPEN_OTHER;
+    }
+}
+
+// A source that would not open. FFmpeg reports a host name that does not
+// resolve as a plain I/O error; resolving it again tells that case apart.
+int SourceOpenFailed(OpenFailureInfo* failure, const char* url, const char* doing, int err) {
+    if (err == AVERROR(EIO) && IsNetworkSource(url)) {
+        char host[256] = {};
+        int port = -1;
+        av_url_split(nullptr, 0, nullptr, 0, host, sizeof host, &port, nullptr, 0, url);
+        addrinfo hints{};
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        const int rc = host[0] ? getaddrinfo(host, nullptr, &hints, &found) : 0;
+        if (found) freeaddrinfo(found);
+        if (rc != 0)
+            return OpenFailed(failure, CAMCTL_OPEN_UNREACHABLE,
+                              std::string("resolving host ") + host + ": " + gai_strerror(rc));
+    }
+    return OpenFailed(failure, OpenErrorReason(err), doing, err);
+}
 
 // Opens the demuxer once with the given RTSP lower transport ("" for none).
 int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AVFormatContext** out) {
@@ -168,7 +227,7 @@ void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStre
     ctx->m_pAudioCodecCtx = std::move(ac);
 }
 
-int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
+int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl, OpenFailureInfo* failure) {
     ctx->m_bHttpSource = 0;
     const bool rtsp = Contains(url, "rtsp://");
 
@@ -183,13 +242,15 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     if (ret < 0) {
         os_print("avformat_open_input error");
         os_print("%s: %s", maskedUrl, ErrText(ret).c_str());
-        return -1;
+        return SourceOpenFailed(failure, url, rtsp ? "opening the RTSP stream" : "opening the source", ret);
     }
     ctx->m_pFormatCtx.reset(fmt);
 
     const AVCodec* dec = nullptr;
     int vi = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, &dec, 0);
-    if (vi < 0 || !dec) return -1;
+    if (vi < 0 || !dec)
+        return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, "looking for a video stream",
+                          vi < 0 ? vi : AVERROR_DECODER_NOT_FOUND);
 
     // RTSP sessions describe their streams in the SDP; probing them would
     // cost seconds of live video. MPEG-4 Part 2 needs the probe for its
@@ -214,7 +275,7 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     ctx->m_nVideoCodecId = dec->id;
 
     camctl::CodecContextPtr cc = MakeVideoDecoder(dec, st);
-    if (!cc) return -1;
+    if (!cc) return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, std::string("opening the decoder ") + dec->name);
     ctx->m_nWidth = cc->width;
     ctx->m_nHeight = cc->height;
     ctx->m_pVideoCodecCtx = std::move(cc);
@@ -240,11 +301,12 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
 
 // The private frame stream: the first 2000 bytes must hold a frame header,
 // which gives the picture size and the codecs.
-int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
+int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl, OpenFailureInfo* failure) {
     ctx->m_bHttpSource = 1;
     ctx->m_bHttpFrame = 1;
     ctx->m_pRecvBuf = static_cast<uint8_t*>(av_mallocz(HTTP_RECV_BUF_SIZE));
-    if (!ctx->m_pRecvBuf) return -1;
+    if (!ctx->m_pRecvBuf)
+        return OpenFailed(failure, CAMCTL_OPEN_OTHER, "allocating the receive buffer", AVERROR(ENOMEM));
     ctx->m_nRecvLen = 0;
 
     AVIOInterruptCB cb{IoInterruptCallback, ctx};
@@ -260,7 +322,7 @@ int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
         ArmIoDeadline(ctx, 0);
         os_print("FFMpegContextCreate  fail avio_open error(%d)", ret);
         os_print("%s: %s", maskedUrl, ErrText(ret).c_str());
-        return -1;
+        return SourceOpenFailed(failure, url, "connecting to the frame stream", ret);
     }
     ctx->m_pHttpIo.reset(io);
 
@@ -268,12 +330,14 @@ int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
     ArmIoDeadline(ctx, 0);
     if (got <= 0) {
         os_print("avio_read failed");
-        return -1;
+        const char* doing = got < 0 ? "reading the first frame" : "the server sent no data";
+        return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, doing, got);
     }
     ctx->m_nRecvLen = uint32_t(got);  // parsed again by the reader
 
     HttpFrameHeader h;
-    if (ParseFrameHeader(ctx->m_pRecvBuf, ctx->m_nRecvLen, &h) < 0) return -1;
+    if (ParseFrameHeader(ctx->m_pRecvBuf, ctx->m_nRecvLen, &h) < 0)
+        return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, "no frame header in the first data (not a frame stream)");
     os_print("header.ver:%d, width:%d, height:%d, size:%d codec:%d audio_codec:%d", int(h.ver), int(h.width),
              int(h.height), int(h.size), int(h.codec), int(h.audio_codec));
 
@@ -282,9 +346,12 @@ int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl) {
     ctx->m_nVideoIndex = 0;
     ctx->m_nVideoCodecId = HttpFrameVideoCodecId(h.codec);
     const AVCodec* dec = avcodec_find_decoder(AVCodecID(ctx->m_nVideoCodecId.load()));
-    if (!dec) return -1;
+    if (!dec)
+        return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, "frame codec " + std::to_string(h.codec),
+                          AVERROR_DECODER_NOT_FOUND);
     ctx->m_pVideoCodecCtx = MakeVideoDecoder(dec, nullptr);
-    if (!ctx->m_pVideoCodecCtx) return -1;
+    if (!ctx->m_pVideoCodecCtx)
+        return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, std::string("opening the decoder ") + dec->name);
 
     // The audio decoder itself is opened when the threads start.
     if (h.audio_codec != -1) {
@@ -340,41 +407,31 @@ int IoInterruptCallback(void* opaque) {
     return 1;
 }
 
-void MaskUrlCredentials(const char* url, char* out, int out_len) {
-    if (!out || out_len <= 0) return;
-    out[0] = '\0';
-    if (!url) return;
-    std::string s = url;
-    size_t scheme = s.find("://");
-    if (scheme != std::string::npos) {
-        size_t start = scheme + 3;
-        size_t hostEnd = s.find_first_of("/?#", start);
-        size_t at = s.rfind('@', hostEnd == std::string::npos ? std::string::npos : hostEnd);
-        if (at != std::string::npos && at >= start) {
-            size_t colon = s.find(':', start);
-            if (colon != std::string::npos && colon < at) s.replace(colon + 1, at - colon - 1, "***");
-        }
-    }
-    os_strlcpy(out, s.c_str(), out_len);
-}
-
 FFMpegContext* FFMpegContextCreate(void* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
                                    int smooth) {
     return FFMpegContextCreateEx(owner, url, yuvOutput, frameWait, smooth, ContextOptions{});
 }
 
 FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
-                                     int smooth, const ContextOptions& options) {
-    if (!url) return nullptr;
+                                     int smooth, const ContextOptions& options, OpenFailureInfo* failure) {
+    if (failure) *failure = OpenFailureInfo{};
+    if (!url) {
+        OpenFailed(failure, CAMCTL_OPEN_BAD_URL, "no source given");
+        return nullptr;
+    }
     EngineGlobalInit();
     ContextPtr ctx(FFMpegContextAlloc());
-    if (!ctx) return nullptr;
+    if (!ctx) {
+        OpenFailed(failure, CAMCTL_OPEN_OTHER, "allocating the media context", AVERROR(ENOMEM));
+        return nullptr;
+    }
     ctx->m_nAudioIndex = -1;
 
     char masked[256];
     MaskUrlCredentials(url, masked, sizeof masked);
     const bool http = Contains(url, "http://");
-    if ((http ? OpenHttpSource(ctx.get(), url, masked) : OpenDemuxerSource(ctx.get(), url, masked)) < 0)
+    if ((http ? OpenHttpSource(ctx.get(), url, masked, failure)
+              : OpenDemuxerSource(ctx.get(), url, masked, failure)) < 0)
         return nullptr;
 
     ctx->m_pOwner = owner;
@@ -394,6 +451,7 @@ FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput
         ctx->m_bRunning = 0;
         ctx->m_bAbortIo = 1;
         JoinThread(ctx->m_hReadThread);
+        OpenFailed(failure, CAMCTL_OPEN_OTHER, "starting the stream's threads");
         return nullptr;
     }
     os_print("FFMpegContextCreate  succ end(yuv:%d) 9999999999999999999999999", yuvOutput);

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "runtime/os.h"
 
@@ -90,6 +91,24 @@ char* os_strlcpy(char* dst, const char* src, int len) {
     strncpy(dst, src, static_cast<size_t>(len));
     dst[len - 1] = '\0';
     return dst;
+}
+
+void MaskUrlCredentials(const char* url, char* out, int out_len) {
+    if (!out || out_len <= 0) return;
+    out[0] = '\0';
+    if (!url) return;
+    std::string s = url;
+    size_t scheme = s.find("://");
+    if (scheme != std::string::npos) {
+        size_t start = scheme + 3;
+        size_t hostEnd = s.find_first_of("/?#", start);
+        size_t at = s.rfind('@', hostEnd == std::string::npos ? std::string::npos : hostEnd);
+        if (at != std::string::npos && at >= start) {
+            size_t colon = s.find(':', start);
+            if (colon != std::string::npos && colon < at) s.replace(colon + 1, at - colon - 1, "***");
+        }
+    }
+    os_strlcpy(out, s.c_str(), out_len);
 }
 
 // ---- frame-listener forwarders --------------------------------------------

@@ -23,7 +23,7 @@ std::string ReadText(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-std::string Quote(const std::string& s) { return "'" + s + "'"; }  // launch lines hold no quotes
+std::string Quote(const std::string& s) { return "'" + s + "'"; }  // launch lines and credentials hold no quotes
 
 std::string VideoCaps(int width, int height, int fps) {
     return "video/x-raw,format=I420,width=" + std::to_string(width) + ",height=" + std::to_string(height) +
@@ -48,7 +48,12 @@ RtspServer::RtspServer(const std::vector<Mount>& mounts, int port, bool udpOnly)
     std::string cmd = "echo $$ > " + dir_ + "/pid; exec " + kPython + " " + CAMCTL_SOURCE_DIR +
                       "/tests/support/rtsp_server.py --port " + std::to_string(port) + " --port-file " + portFile;
     if (udpOnly) cmd += " --udp-only";
-    for (const Mount& m : mounts) cmd += " --mount " + Quote(m.path) + " " + Quote(m.launch);
+    for (const Mount& m : mounts) {
+        cmd += " --mount " + Quote(m.path) + " " + Quote(m.launch);
+        if (m.auth != Auth::kNone)
+            cmd += " --auth " + Quote(m.path) + (m.auth == Auth::kBasic ? " basic " : " digest ") + Quote(m.user) +
+                   " " + Quote(m.password);
+    }
     cmd += " >" + dir_ + "/log 2>&1";
 
     pid_t pid = fork();

@@ -5,15 +5,24 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace camctl_test {
 
 class RtspServer {
 public:
+    enum class Auth { kNone, kBasic, kDigest };
     struct Mount {
+        Mount(std::string p, std::string l, Auth a = Auth::kNone, std::string u = "", std::string pw = "")
+            : path(std::move(p)), launch(std::move(l)), auth(a), user(std::move(u)), password(std::move(pw)) {}
         std::string path;    // "/h264"
         std::string launch;  // a bin whose payloaders are named pay0, pay1, ...
+        // kBasic/kDigest: the mount answers 401 unless the client gives user
+        // and password with that method (the only one its 401 offers).
+        Auth auth;
+        std::string user;
+        std::string password;
     };
 
     // Starts the server and waits (at most 15 s) until it listens, on port

@@ -5,6 +5,10 @@ Serves one GStreamer launch line per mount point and writes the bound port
 to --port-file once it accepts connections. Runs until killed.
 
   rtsp_server.py --port-file F --mount /h264 '( videotestsrc ... ! rtph264pay name=pay0 )' ...
+                 [--auth /h264 basic|digest USER PASSWORD]
+
+A mount with --auth answers 401 unless the client gives that user and
+password with that method; other mounts stay open to anyone.
 """
 import argparse
 import os
@@ -17,6 +21,36 @@ gi.require_version("GstRtsp", "1.0")
 gi.require_version("GstRtspServer", "1.0")
 from gi.repository import GLib, Gst, GstRtsp, GstRtspServer  # noqa: E402
 
+METHODS = {"basic": GstRtsp.RTSPAuthMethod.BASIC, "digest": GstRtsp.RTSPAuthMethod.DIGEST}
+ROLE = "media.factory.role"  # GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE
+
+
+class MountAuth(GstRtspServer.RTSPAuth):
+    """Offers each protected mount only its own method in the 401 answer."""
+
+    def __init__(self, methods):
+        super().__init__()
+        self.methods = methods  # path -> GstRtsp.RTSPAuthMethod
+
+    def do_generate_authenticate_header(self, ctx):
+        path = ctx.uri.abspath if ctx.uri else ""
+        method = next((m for p, m in self.methods.items() if path == p or path.startswith(p + "/")), None)
+        self.set_supported_methods(method if method is not None else GstRtsp.RTSPAuthMethod.BASIC)
+        GstRtspServer.RTSPAuth.do_generate_authenticate_header(self, ctx)
+
+
+def token(role):
+    t = GstRtspServer.RTSPToken()
+    t.set_string(ROLE, role)
+    return t
+
+
+def permit(factory, role, construct=True):
+    # A role that may see but not construct a mount is answered 401 there
+    # (one that may not even see it would get 404).
+    factory.add_role_from_structure(Gst.Structure.new_from_string(
+        "%s,media.factory.access=(boolean)true,media.factory.construct=(boolean)%s" % (role, str(construct).lower())))
+
 
 def main():
     parser = argparse.ArgumentParser()
@@ -24,6 +58,7 @@ def main():
     parser.add_argument("--port", type=int, default=0, help="0: any free port")
     parser.add_argument("--udp-only", action="store_true", help="refuse interleaved TCP")
     parser.add_argument("--mount", nargs=2, action="append", default=[], metavar=("PATH", "LAUNCH"))
+    parser.add_argument("--auth", nargs=4, action="append", default=[], metavar=("PATH", "METHOD", "USER", "PASSWORD"))
     args = parser.parse_args()
 
     Gst.init(None)
@@ -31,12 +66,30 @@ def main():
     server.set_address("127.0.0.1")
     server.set_service(str(args.port))  # 0: any free port
     mounts = server.get_mount_points()
-    for path, launch in args.mount:
+    protected = {path: (method, user, password) for path, method, user, password in args.auth}
+    auth = MountAuth({path: METHODS[p[0]] for path, p in protected.items()}) if protected else None
+    if auth:
+        auth.set_default_token(token("anonymous"))
+        server.set_auth(auth)
+    roles = ["anonymous"] + ["mount%d" % i for i, (path, _) in enumerate(args.mount) if path in protected]
+    for index, (path, launch) in enumerate(args.mount):
         factory = GstRtspServer.RTSPMediaFactory()
         factory.set_launch(launch)
         factory.set_shared(False)  # every client gets its own pipeline
         if args.udp_only:
             factory.set_protocols(GstRtsp.RTSPLowerTrans.UDP)
+        if auth and path in protected:
+            method, user, password = protected[path]
+            role = "mount%d" % index
+            if method == "basic":
+                auth.add_basic(GstRtspServer.RTSPAuth.make_basic(user, password), token(role))
+            else:
+                auth.add_digest(user, password, token(role))
+            for other in roles:
+                permit(factory, other, other == role)
+        elif auth:
+            for other in roles:
+                permit(factory, other)
         mounts.add_factory(path, factory)
     if server.attach(None) == 0:
         print("rtsp_server: attach failed", file=sys.stderr)

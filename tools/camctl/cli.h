@@ -14,6 +14,7 @@
 #include <vector>
 
 class CDC;
+class CIpCamera;
 class CVideoDisplayer;
 class CWindowDC;
 
@@ -121,8 +122,9 @@ struct Source {
 // Checks the text: a known scheme, or a readable regular file. Usage
 // failure for an unknown scheme, source failure for a missing file.
 Source ParseSource(const std::string& text);
-// Why opening failed, as the rest of one line ("connection refused ...").
-std::string DiagnoseOpenFailure(const Source& source, double elapsed_seconds);
+// Why the camera's last open of its main (or sub) stream from source failed,
+// as the rest of one line: "<reason>: <detail> (<what to try>)".
+std::string DescribeOpenFailure(CIpCamera* camera, bool main, const Source& source);
 // The documented bound on opening a network source, seconds.
 constexpr int kOpenTimeoutSeconds = 10;
 // How long a command waits for the first picture after the source opened.

@@ -38,16 +38,18 @@ void LiveCamera::Open() {
     open_start_ = Clock::now();
     const int rc = camera_->OpenMainStreamVideo(source_.url.c_str());
     open_seconds_ = SecondsSince(open_start_);
-    if (rc != 0) Fail(kExitSource, source_.display + ": cannot open: " + DiagnoseOpenFailure(source_, open_seconds_));
+    if (rc != 0) Fail(kExitSource, source_.display + ": cannot open: " + DescribeOpenFailure(camera_, true, source_));
 
     if (!options_.sub_url.empty()) {
         Source sub = ParseSource(options_.sub_url);
-        const auto sub_start = Clock::now();
         camera_->OpenSubStreamVideo(sub.url.c_str());
+        // Not even tried: the camera takes the main stream's URL (in any
+        // letter case) for no sub stream.
+        const bool tried = camera_->GetOpenFailure(false, nullptr, 0) != CAMCTL_OPEN_OK;
         if (!camera_->HasSubStream())
             Fail(kExitSource, sub.display + ": cannot open the sub stream: " +
-                                  (sub.url == source_.url ? std::string("it is the main stream's URL")
-                                                          : DiagnoseOpenFailure(sub, SecondsSince(sub_start))));
+                                  (tried ? DescribeOpenFailure(camera_, false, sub)
+                                         : std::string("it is the main stream's URL")));
         camera_->SetDecodeEnable(false, true);
     } else {
         camera_->SetDecodeEnable(true, true);

@@ -20,7 +20,11 @@ int main(int argc, char** argv) {
     std::atomic<int> pictures{0};
     cam->SetVideoBufCallBack(OnPicture, &pictures);
     cam->SetSaveDir(".", nullptr);  // files go below ./VMS/door+0/
-    if (cam->OpenMainStreamVideo(url) != 0) return fprintf(stderr, "cannot open %s\n", url), 1;
+    if (cam->OpenMainStreamVideo(url) != 0) {  // say why; the URL may hold a password
+        char detail[256];
+        int reason = cam->GetOpenFailure(true, detail, sizeof detail);
+        return fprintf(stderr, "cannot open: %s (%s)\n", CamctlOpenFailureName(reason), detail), 1;
+    }
     cam->SetDecodeEnable(true, true);  // decode the main stream
     cam->StartSaveAvi(1);              // record: MS_Record/<date>/door+0_<time>_1.avi
     cam->SaveImage(1, 1);              // one JPEG from the next picture: IMAGE-MANUAL/<date>/
