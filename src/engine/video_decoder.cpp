@@ -185,10 +185,25 @@ public:
                 continue;
             }
             QueuedPacket pkt(PopVideoPacket(ctx_));
+            if (parkedKey_ && (!pkt || ctx_->m_bDecode)) {
+                // Decoding came on while the key frame waited: start from it.
+                QueuedPacket parked = std::move(parkedKey_);
+                if (ctx_->m_bDecode) HandlePacket(parked.get());
+                else if (!pkt) parkedKey_ = std::move(parked);
+            }
             if (!pkt) {
                 os_sleep_ms(kIdleSleepMs);
                 continue;
             }
+            // A key frame taken while decoding is off waits for the next
+            // packet instead of being dropped: a host switches decoding on
+            // just after the open, when the probe's key frame is queued.
+            if (!ctx_->m_bDecode && pkt->size > 0 && pkt->stream_index == ctx_->m_nVideoIndex &&
+                (pkt->flags & AV_PKT_FLAG_KEY)) {
+                parkedKey_ = std::move(pkt);
+                continue;
+            }
+            parkedKey_.reset();  // the next packet came with decoding still off
             HandlePacket(pkt.get());
         }
     }
@@ -308,6 +323,7 @@ private:
     int height_ = 0;
     DecoderChoice choice_ = DecoderChoice::kUndecided;
     camctl::h265::Ihw265dStage h265_;  // used when choice_ is kIhw265d
+    QueuedPacket parkedKey_;    // a key frame taken while decoding was off
     bool started_ = false;      // the first key frame has been seen
     bool badPicture_ = false;   // withhold pictures until the next key frame
     bool skipNextKey_ = false;  // a damaged key frame: withhold the next one too
