@@ -76,7 +76,10 @@ struct FFMpegContext {
     std::atomic<float> m_fNetRate{0.0f};
     std::atomic<int32_t> m_nNetFrameRate{0};
     std::atomic<int32_t> m_nFramesCount{0};
-    bool m_bProbeKeyQueued = false;  // the RTSP size probe queued a key frame (set before the threads start)
+    // The RTSP size probe queued a key frame (set before the threads start);
+    // the reader clears it at its first video packet, having decided whether
+    // the probe's key frame starts the queued stream (decoding on by then).
+    std::atomic<bool> m_bProbeKeyQueued{false};
 
     camctl::Ihw265dHandle m_hH265Decoder;  // IHW265D instance, HEVC only (deleted with the context)
 

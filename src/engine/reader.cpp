@@ -160,7 +160,10 @@ void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
         return;
     }
     // The first queued video packet is a key frame taken while decoding is
-    // enabled; from then on every video packet is queued.
+    // enabled; from then on every video packet is queued. The key frame an
+    // RTSP open's probe queued counts as one if decoding is on by the next
+    // video packet.
+    if (!st.videoQueued && ctx->m_bProbeKeyQueued.exchange(false)) st.videoQueued = ctx->m_bDecode != 0;
     if (st.videoQueued || (IsKey(pkt) && ctx->m_bDecode)) {
         PushVideoPacket(ctx, pkt);
         st.videoQueued = true;
@@ -177,9 +180,6 @@ void* ReadThreadProc(void* arg) {
     ReaderState st;
     st.rateStart = st.frameRateStart = os_tick_count64();
     st.lastPacketTime = time(nullptr);
-    // An RTSP open queues the key frame its picture-size probe decoded; the
-    // packets after it continue that picture's group and are queued too.
-    st.videoQueued = ctx->m_bProbeKeyQueued;
     camctl::PacketPtr pkt = camctl::MakePacket();
     if (!pkt) {
         ctx->m_bReadEnd = 1;

@@ -185,25 +185,26 @@ public:
                 continue;
             }
             QueuedPacket pkt(PopVideoPacket(ctx_));
-            if (parkedKey_ && (!pkt || ctx_->m_bDecode)) {
-                // Decoding came on while the key frame waited: start from it.
-                QueuedPacket parked = std::move(parkedKey_);
-                if (ctx_->m_bDecode) HandlePacket(parked.get());
-                else if (!pkt) parkedKey_ = std::move(parked);
+            if (parkedKey_) {
+                if (ctx_->m_bDecode) {
+                    QueuedPacket parked = std::move(parkedKey_);
+                    HandlePacket(parked.get());  // decoding came on: start from it
+                } else if (pkt || !ctx_->m_bProbeKeyQueued) {
+                    parkedKey_.reset();  // the stream goes on without it
+                }
             }
             if (!pkt) {
                 os_sleep_ms(kIdleSleepMs);
                 continue;
             }
-            // A key frame taken while decoding is off waits for the next
-            // packet instead of being dropped: a host switches decoding on
-            // just after the open, when the probe's key frame is queued.
-            if (!ctx_->m_bDecode && pkt->size > 0 && pkt->stream_index == ctx_->m_nVideoIndex &&
-                (pkt->flags & AV_PKT_FLAG_KEY)) {
+            // The probe's key frame, taken before the host could switch
+            // decoding on, waits until the reader decides whether it starts
+            // the stream (see ReadThreadProc) instead of being dropped.
+            if (!ctx_->m_bDecode && ctx_->m_bProbeKeyQueued && pkt->size > 0 &&
+                pkt->stream_index == ctx_->m_nVideoIndex && (pkt->flags & AV_PKT_FLAG_KEY)) {
                 parkedKey_ = std::move(pkt);
                 continue;
             }
-            parkedKey_.reset();  // the next packet came with decoding still off
             HandlePacket(pkt.get());
         }
     }
@@ -323,7 +324,7 @@ private:
     int height_ = 0;
     DecoderChoice choice_ = DecoderChoice::kUndecided;
     camctl::h265::Ihw265dStage h265_;  // used when choice_ is kIhw265d
-    QueuedPacket parkedKey_;    // a key frame taken while decoding was off
+    QueuedPacket parkedKey_;    // the probe's key frame, taken while decoding was off
     bool started_ = false;      // the first key frame has been seen
     bool badPicture_ = false;   // withhold pictures until the next key frame
     bool skipNextKey_ = false;  // a damaged key frame: withhold the next one too
