@@ -15,10 +15,10 @@
 #include <future>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "camctl.h"
+#include "support/engine_support.h"
 #include "support/fixtures.h"
 #include "support/rtsp_server.h"
 
@@ -65,14 +65,15 @@ std::string X264(const std::string& opts, const std::string& pay = "config-inter
 std::string X265(const std::string& opts, const std::string& pay) {
     return "x265enc tune=zerolatency speed-preset=ultrafast key-int-max=25 " + opts + " ! rtph265pay pt=96 " + pay;
 }
-std::string Lossy(double p) {
-    return "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=25 threads=1 ! identity drop-probability=" +
-           std::to_string(p) + " ! rtph264pay pt=96 config-interval=-1";
-}
 Row WithAudio(const char* name, const std::string& audio, int rate, int channels = 1) {
     Row r{name, X264("threads=1"), audio, 0, "H264"};
     r.rate = rate;
     r.channels = channels;
+    return r;
+}
+template <class Change>
+Row With(Row r, Change change) {
+    change(r);
     return r;
 }
 std::string G726(int kbit) {
@@ -80,9 +81,10 @@ std::string G726(int kbit) {
 }
 
 std::vector<Row> Rows() {
-    const std::string aac = "audioconvert ! avenc_aac ! rtpmp4gpay pt=97";
-    std::vector<Row> rows = {
-        {"H.264 one slice, SPS/PPS in-band", X264("threads=1"), "", 0, "H264"},
+    const std::string aac = "audioconvert ! avenc_aac ! rtpmp4gpay pt=97", mulaw = "mulawenc ! rtppcmupay";
+    const Row h264{"", X264("threads=1"), "", 0, "H264"};
+    return {
+        With(h264, [](Row& r) { r.name = "H.264 one slice, SPS/PPS in-band"; }),
         {"H.264 2 slices", X264("threads=1 option-string=slices=2"), "", 0, "H264"},
         {"H.264 4 slices", X264("threads=1 option-string=slices=4"), "", 0, "H264"},
         {"H.264 2 sliced threads, default x264", X264(""), "", 0, "H264"},
@@ -93,7 +95,12 @@ std::vector<Row> Rows() {
         {"H.264 High, 2 B-frames",
          "x264enc speed-preset=ultrafast key-int-max=25 bframes=2 b-adapt=false ! video/x-h264,profile=high ! "
          "rtph264pay pt=96 config-interval=-1", "", 0, "H264"},
-        {"H.264 key frame every 4 s", X264("threads=1 key-int-max=100"), "", 0, "H264", 100},
+        With(h264, [](Row& r) {
+            r.name = "H.264 key frame every 4 s";
+            r.video = X264("threads=1 key-int-max=100");
+            r.keyInterval = 100;
+            r.pictures = 225;
+        }),
         {"H.265 one slice", X265("", "config-interval=0"), "", 3, "HEVC"},
         {"H.265 4 slices", X265("option-string=slices=4", "config-interval=-1"), "", 3, "HEVC"},
         {"H.265 VPS/SPS/PPS in-band", X265("", "config-interval=-1"), "", 3, "HEVC"},
@@ -101,29 +108,25 @@ std::vector<Row> Rows() {
         {"MJPEG quality 90", "jpegenc quality=90 ! rtpjpegpay pt=26", "", 2, "MJPG"},
         WithAudio("AAC 16 kHz mono", aac, 16000),
         WithAudio("AAC 48 kHz stereo", aac, 48000, 2),
-        WithAudio("G.711 mu-law", "mulawenc ! rtppcmupay", 8000),
+        WithAudio("G.711 mu-law", mulaw, 8000),
         WithAudio("G.711 A-law", "alawenc ! rtppcmapay", 8000),
         WithAudio("G.726 16 kbit/s", G726(16), 8000),
         WithAudio("G.726 24 kbit/s", G726(24), 8000),
         WithAudio("G.726 32 kbit/s", G726(32), 8000),
         WithAudio("G.726 40 kbit/s", G726(40), 8000),
-        WithAudio("audio listed first (G.711)", "mulawenc ! rtppcmupay", 8000),
-        WithAudio("UDP only", "mulawenc ! rtppcmupay", 8000),
-        WithAudio("1 % of pictures lost", "mulawenc ! rtppcmupay", 8000),
-        WithAudio("5 % of pictures lost", "mulawenc ! rtppcmupay", 8000),
-        {"basic authentication", X264("threads=1"), "", 0, "H264"},
-        {"digest authentication", X264("threads=1"), "", 0, "H264"},
+        With(WithAudio("audio listed first (G.711)", mulaw, 8000), [](Row& r) { r.audioFirst = true; }),
+        With(WithAudio("UDP only", mulaw, 8000), [](Row& r) { r.udpOnly = true; }),
+        With(WithAudio("1 % of pictures lost", mulaw, 8000), [](Row& r) {
+            r.video = X264("threads=1 ! identity drop-probability=0.01");
+            r.loss = 0.01;
+        }),
+        With(WithAudio("5 % of pictures lost", mulaw, 8000), [](Row& r) {
+            r.video = X264("threads=1 ! identity drop-probability=0.05");
+            r.loss = 0.05;
+        }),
+        With(h264, [](Row& r) { r.name = "basic authentication", r.auth = RtspServer::Auth::kBasic; }),
+        With(h264, [](Row& r) { r.name = "digest authentication", r.auth = RtspServer::Auth::kDigest; }),
     };
-    rows[8].pictures = 225;
-    rows[22].audioFirst = true;
-    rows[23].udpOnly = true;
-    rows[24].video = Lossy(0.01);
-    rows[24].loss = 0.01;
-    rows[25].video = Lossy(0.05);
-    rows[25].loss = 0.05;
-    rows[26].auth = RtspServer::Auth::kBasic;
-    rows[27].auth = RtspServer::Auth::kDigest;
-    return rows;
 }
 
 // What the host's callbacks saw.
@@ -157,12 +160,7 @@ struct Host {
 };
 
 bool WaitFor(const std::function<bool()>& pred, int seconds) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return camctl_test::PictureLog::WaitUntil(pred, seconds * 1000);
 }
 
 class InteropTest : public ::testing::TestWithParam<Row> {};

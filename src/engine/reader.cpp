@@ -223,7 +223,9 @@ void* ReadThreadProc(void* arg) {
 }
 
 bool SplitsKeyPictures(const FFMpegContext* ctx) {
-    if (ctx->m_bHttpFrame) return false;  // the private stream sends whole pictures
+    // Files hold whole pictures, and so does the private HTTP stream.
+    const AVFormatContext* fmt = ctx->m_bHttpFrame ? nullptr : ctx->m_pFormatCtx.get();
+    if (!fmt || !fmt->iformat || std::strcmp(fmt->iformat->name, "rtsp") != 0) return false;
     return ctx->m_nVideoCodecId == AV_CODEC_ID_H264 || ctx->m_nVideoCodecId == AV_CODEC_ID_HEVC;
 }
 
