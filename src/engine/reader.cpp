@@ -21,6 +21,7 @@ constexpr int kThrottleQueue = 10;
 constexpr int kOverflowQueue = 100;
 constexpr uint32_t kRatePeriodMs = 3000;
 constexpr int kSmoothSamplePackets = 20;
+constexpr int kProbeFollowers = 25;  // about a second of video
 
 bool IsKey(const AVPacket* pkt) { return (pkt->flags & AV_PKT_FLAG_KEY) != 0; }
 
@@ -43,6 +44,7 @@ struct ReaderState {
     uint64_t smoothStart = 0;
     bool dropUntilKey = false;
     bool videoQueued = false;     // a video packet was queued since the start
+    int probeFollowers = 0;       // video packets queued behind the probe's key frame, decoding still off
     time_t lastPacketTime = 0;    // wall time of the last packet handed on
 };
 
@@ -161,9 +163,22 @@ void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
     }
     // The first queued video packet is a key frame taken while decoding is
     // enabled; from then on every video packet is queued. The key frame an
-    // RTSP open's probe queued counts as one if decoding is on by the next
-    // video packet.
-    if (!st.videoQueued && ctx->m_bProbeKeyQueued.exchange(false)) st.videoQueued = ctx->m_bDecode != 0;
+    // RTSP open's probe queued counts as one if decoding comes on within the
+    // kProbeFollowers video packets after it: they are queued behind it while
+    // the decode thread waits; if decoding stays off they are flushed.
+    if (!st.videoQueued && ctx->m_bProbeKeyQueued) {
+        if (ctx->m_bDecode || ++st.probeFollowers <= kProbeFollowers) {
+            PushVideoPacket(ctx, pkt);
+            ++st.periodQueued;
+            if (ctx->m_bDecode) {
+                st.videoQueued = true;
+                ctx->m_bProbeKeyQueued = false;
+            }
+            return;
+        }
+        FlushVideoPackets(ctx);
+        ctx->m_bProbeKeyQueued = false;
+    }
     if (st.videoQueued || (IsKey(pkt) && ctx->m_bDecode)) {
         PushVideoPacket(ctx, pkt);
         st.videoQueued = true;

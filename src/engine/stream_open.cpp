@@ -144,16 +144,19 @@ int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AV
 }
 
 // Reads up to kProbePackets packets and decodes video until a picture comes
-// out; its size becomes the context's size. A key frame that gave the
-// picture is queued so the stream starts with it (MJPEG pictures stand
-// alone and need no such help), joined with its further pieces if it came
-// in several (see JoinKeyPicturePiece).
+// out; its size becomes the context's size. When that picture came from a
+// key frame on, the key frame and the packets after it are queued so the
+// stream starts with them (MJPEG pictures stand alone and need no such
+// help); a key picture that may come in pieces (see JoinKeyPicturePiece)
+// is read on until its next packet.
 void ProbePictureSize(FFMpegContext* ctx) {
     AVFormatContext* fmt = ctx->m_pFormatCtx.get();
     AVCodecContext* cc = ctx->m_pVideoCodecCtx.get();
     camctl::PacketPtr pkt = camctl::MakePacket();
     camctl::FramePtr frame = camctl::MakeFrame();
     if (!pkt || !frame) return;
+    std::vector<camctl::PacketPtr> group;  // video packets from the last key frame on
+    bool got = false;
     ArmIoDeadline(ctx, kNetOpenTimeoutMs);
     for (int i = 0; i < kProbePackets; ++i) {
         if (av_read_frame(fmt, pkt.get()) < 0) break;
@@ -161,25 +164,24 @@ void ProbePictureSize(FFMpegContext* ctx) {
             av_packet_unref(pkt.get());
             continue;
         }
-        bool got = avcodec_send_packet(cc, pkt.get()) >= 0 && avcodec_receive_frame(cc, frame.get()) >= 0;
-        if (got) {
+        const bool key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
+        const bool piece = group.size() == 1 && SplitsKeyPictures(ctx) && JoinKeyPicturePiece(group[0].get(), pkt.get());
+        if (!piece && (key || !group.empty())) {
+            if (key) group.clear();
+            group.push_back(camctl::MakePacket());
+            if (!group.back() || av_packet_ref(group.back().get(), pkt.get()) < 0) group.clear();
+        }
+        if (!got && avcodec_send_packet(cc, pkt.get()) >= 0 && avcodec_receive_frame(cc, frame.get()) >= 0) {
+            got = true;
             ctx->m_nWidth = frame->width;
             ctx->m_nHeight = frame->height;
-            if ((pkt->flags & AV_PKT_FLAG_KEY) && ctx->m_nVideoCodecId != kCodecMjpeg) {
-                camctl::PacketPtr piece = camctl::MakePacket();
-                while (piece && SplitsKeyPictures(ctx) && ++i < kProbePackets && av_read_frame(fmt, piece.get()) >= 0) {
-                    const bool video = piece->stream_index == ctx->m_nVideoIndex;
-                    const bool joined = video && JoinKeyPicturePiece(pkt.get(), piece.get());
-                    av_packet_unref(piece.get());
-                    if (video && !joined) break;
-                }
-                PushVideoPacket(ctx, pkt.get());
-                ctx->m_bProbeKeyQueued = true;
-            }
-            av_packet_unref(pkt.get());
-            break;
         }
         av_packet_unref(pkt.get());
+        if (got && !piece && !(group.size() == 1 && SplitsKeyPictures(ctx))) break;
+    }
+    if (got && !group.empty() && ctx->m_nVideoCodecId != kCodecMjpeg) {
+        for (const camctl::PacketPtr& p : group) PushVideoPacket(ctx, p.get());
+        ctx->m_bProbeKeyQueued = true;
     }
     // The decode thread starts from the queued key frame with a clean decoder.
     avcodec_flush_buffers(cc);

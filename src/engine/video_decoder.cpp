@@ -184,25 +184,17 @@ public:
                 os_sleep_ms(kPauseSleepMs);
                 continue;
             }
-            QueuedPacket pkt(PopVideoPacket(ctx_));
-            if (parkedKey_) {
-                if (ctx_->m_bDecode) {
-                    QueuedPacket parked = std::move(parkedKey_);
-                    HandlePacket(parked.get());  // decoding came on: start from it
-                } else if (pkt || !ctx_->m_bProbeKeyQueued) {
-                    parkedKey_.reset();  // the stream goes on without it
-                }
-            }
-            if (!pkt) {
+            // The RTSP probe's key frame and what follows it wait in the
+            // queue until the reader knows whether decoding came on in time
+            // (see ReadThreadProc) rather than being dropped before the host
+            // could switch decoding on.
+            if (!ctx_->m_bDecode && ctx_->m_bProbeKeyQueued) {
                 os_sleep_ms(kIdleSleepMs);
                 continue;
             }
-            // The probe's key frame, taken before the host could switch
-            // decoding on, waits until the reader decides whether it starts
-            // the stream (see ReadThreadProc) instead of being dropped.
-            if (!ctx_->m_bDecode && ctx_->m_bProbeKeyQueued && pkt->size > 0 &&
-                pkt->stream_index == ctx_->m_nVideoIndex && (pkt->flags & AV_PKT_FLAG_KEY)) {
-                parkedKey_ = std::move(pkt);
+            QueuedPacket pkt(PopVideoPacket(ctx_));
+            if (!pkt) {
+                os_sleep_ms(kIdleSleepMs);
                 continue;
             }
             HandlePacket(pkt.get());
@@ -324,7 +316,6 @@ private:
     int height_ = 0;
     DecoderChoice choice_ = DecoderChoice::kUndecided;
     camctl::h265::Ihw265dStage h265_;  // used when choice_ is kIhw265d
-    QueuedPacket parkedKey_;    // the probe's key frame, taken while decoding was off
     bool started_ = false;      // the first key frame has been seen
     bool badPicture_ = false;   // withhold pictures until the next key frame
     bool skipNextKey_ = false;  // a damaged key frame: withhold the next one too
