@@ -198,7 +198,7 @@ TEST(EngineStreamTest, ThrottledFile_QueueNeverExceedsTen) {
     EXPECT_EQ(err.Text().find("GetAVPktListElmCount"), std::string::npos);
 }
 
-TEST(EngineStreamTest, AudioAtIndexZeroIgnoredAndWideTimeBaseGives24) {
+TEST(EngineStreamTest, AudioAtIndexZeroTakenAndWideTimeBaseGives24) {
     // MPEG-TS: 90 kHz time base; the audio stream comes first.
     std::string ts = Fixture("eng_audio_first.ts",
                              "-f lavfi -i sine=frequency=440:sample_rate=8000 -f lavfi -i "
@@ -207,8 +207,8 @@ TEST(EngineStreamTest, AudioAtIndexZeroIgnoredAndWideTimeBaseGives24) {
     OpenContext oc(ts, false);
     ASSERT_NE(oc.ctx, nullptr);
     EXPECT_EQ(oc.ctx->m_nVideoIndex, 1);
-    EXPECT_EQ(oc.ctx->m_nAudioIndex, -1);
-    EXPECT_EQ(oc.ctx->m_nAudioCodecId, 0);
+    EXPECT_EQ(oc.ctx->m_nAudioIndex, 0);
+    EXPECT_EQ(oc.ctx->m_nAudioCodecId, AV_CODEC_ID_MP2);
     EXPECT_EQ(oc.ctx->m_nTimeBaseDen, 24);
     EXPECT_EQ(oc.ctx->m_nTimeBaseNum, 1);
     EXPECT_TRUE(oc.sink.log.WaitForCount(40, 5000));

@@ -93,6 +93,16 @@ int AudioDecode4(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8_t* out, i
 // 0 on success, -1 otherwise.
 int AudioDecodeSendReceive(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8_t* out, int* size);
 
+// The H.264 and H.265 parsers start a new access unit at every parameter
+// set, so a payloader that repeats them before each slice of a key picture
+// has it handed over in pieces, every one flagged key and all but the first
+// with the picture's pts. SplitsKeyPictures: the stream (RTSP, H.264 or
+// H.265) can come so.
+// JoinKeyPicturePiece appends pkt to held when it is such a further piece
+// (both key, same pts or none on held yet); false leaves held unchanged.
+bool SplitsKeyPictures(const FFMpegContext* ctx);
+bool JoinKeyPicturePiece(AVPacket* held, const AVPacket* pkt);
+
 // AVI recorder.
 int RecordStart(FFMpegContext* ctx, const char* path);
 int RecordStop(FFMpegContext* ctx);

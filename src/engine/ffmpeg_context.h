@@ -77,6 +77,11 @@ struct FFMpegContext {
     std::atomic<float> m_fNetRate{0.0f};
     std::atomic<int32_t> m_nNetFrameRate{0};
     std::atomic<int32_t> m_nFramesCount{0};
+    // The RTSP size probe queued a key frame (set before the threads start);
+    // the reader clears it once it decided whether that key frame starts the
+    // queued stream (decoding came on within its first video packets). Until
+    // then the decode thread leaves the queue alone while decoding is off.
+    std::atomic<bool> m_bProbeKeyQueued{false};
 
     camctl::Ihw265dHandle m_hH265Decoder;  // IHW265D instance, HEVC only (deleted with the context)
 

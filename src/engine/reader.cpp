@@ -7,6 +7,7 @@
 // packets (it reads no further once 10 are waiting, as each read may add
 // one); a live source whose decoder lags is flushed above 100 and then
 // waits for the next key frame.
+#include <cstring>
 #include <ctime>
 
 #include "engine/engine.h"
@@ -20,6 +21,7 @@ constexpr int kThrottleQueue = 10;
 constexpr int kOverflowQueue = 100;
 constexpr uint32_t kRatePeriodMs = 3000;
 constexpr int kSmoothSamplePackets = 20;
+constexpr int kProbeFollowers = 25;  // about a second of video
 
 bool IsKey(const AVPacket* pkt) { return (pkt->flags & AV_PKT_FLAG_KEY) != 0; }
 
@@ -32,6 +34,7 @@ bool StartsPicture(const FFMpegContext* ctx, const AVPacket* pkt) {
 
 // Per-thread counters of the reader.
 struct ReaderState {
+    camctl::PacketPtr heldKey;    // a key picture that may have more pieces to come
     uint64_t rateStart = 0;       // start of the bit-rate period
     uint64_t frameRateStart = 0;  // start of the frame-rate period
     uint64_t periodBytes = 0;     // video bytes in the bit-rate period
@@ -41,6 +44,7 @@ struct ReaderState {
     uint64_t smoothStart = 0;
     bool dropUntilKey = false;
     bool videoQueued = false;     // a video packet was queued since the start
+    int probeFollowers = 0;       // video packets queued behind the probe's key frame, decoding still off
     time_t lastPacketTime = 0;    // wall time of the last packet handed on
 };
 
@@ -118,6 +122,37 @@ bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt
     return true;
 }
 
+void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt);
+
+// Counts, records and queues a packet of the video or audio stream.
+void HandOn(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
+    if (pkt->stream_index == ctx->m_nVideoIndex) CountVideoPacket(ctx, st, pkt);
+    st.lastPacketTime = time(nullptr);
+    RecordWritePacket(ctx, pkt);
+    Enqueue(ctx, st, pkt);
+    av_packet_unref(pkt);
+}
+
+// Joins the pieces of a key picture (see JoinKeyPicturePiece): a key packet
+// is held until the next video packet shows whether it continues it. True
+// when pkt was taken (held or joined) and nothing is to be handed on now.
+bool HoldKeyPicture(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
+    if (pkt->stream_index != ctx->m_nVideoIndex || !SplitsKeyPictures(ctx)) return false;
+    if (st.heldKey) {
+        if (JoinKeyPicturePiece(st.heldKey.get(), pkt)) {
+            av_packet_unref(pkt);
+            return true;
+        }
+        HandOn(ctx, st, st.heldKey.get());
+        st.heldKey.reset();
+    }
+    if (!IsKey(pkt)) return false;
+    st.heldKey = camctl::MakePacket();
+    if (!st.heldKey) return false;
+    av_packet_move_ref(st.heldKey.get(), pkt);
+    return true;
+}
+
 void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
     if (st.dropUntilKey) {
         if (pkt->stream_index != ctx->m_nVideoIndex || !IsKey(pkt)) return;
@@ -128,7 +163,23 @@ void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
         return;
     }
     // The first queued video packet is a key frame taken while decoding is
-    // enabled; from then on every video packet is queued.
+    // enabled; from then on every video packet is queued. The key frame an
+    // RTSP open's probe queued counts as one if decoding comes on within the
+    // kProbeFollowers video packets after it: they are queued behind it while
+    // the decode thread waits; if decoding stays off they are flushed.
+    if (!st.videoQueued && ctx->m_bProbeKeyQueued) {
+        if (ctx->m_bDecode || ++st.probeFollowers <= kProbeFollowers) {
+            PushVideoPacket(ctx, pkt);
+            ++st.periodQueued;
+            if (ctx->m_bDecode) {
+                st.videoQueued = true;
+                ctx->m_bProbeKeyQueued = false;
+            }
+            return;
+        }
+        FlushVideoPackets(ctx);
+        ctx->m_bProbeKeyQueued = false;
+    }
     if (st.videoQueued || (IsKey(pkt) && ctx->m_bDecode)) {
         PushVideoPacket(ctx, pkt);
         st.videoQueued = true;
@@ -181,15 +232,28 @@ void* ReadThreadProc(void* arg) {
             av_packet_unref(pkt.get());
             continue;
         }
-        if (index == ctx->m_nVideoIndex) CountVideoPacket(ctx, st, pkt.get());
-
-        st.lastPacketTime = time(nullptr);
-        RecordWritePacket(ctx, pkt.get());
-        Enqueue(ctx, st, pkt.get());
-        av_packet_unref(pkt.get());
+        if (!HoldKeyPicture(ctx, st, pkt.get())) HandOn(ctx, st, pkt.get());
     }
     ctx->m_bReadEnd = 1;
     return nullptr;
+}
+
+bool SplitsKeyPictures(const FFMpegContext* ctx) {
+    // Files hold whole pictures, and so does the private HTTP stream.
+    const AVFormatContext* fmt = ctx->m_bHttpFrame ? nullptr : ctx->m_pFormatCtx.get();
+    if (!fmt || !fmt->iformat || std::strcmp(fmt->iformat->name, "rtsp") != 0) return false;
+    return ctx->m_nVideoCodecId == AV_CODEC_ID_H264 || ctx->m_nVideoCodecId == AV_CODEC_ID_HEVC;
+}
+
+bool JoinKeyPicturePiece(AVPacket* held, const AVPacket* pkt) {
+    if (!IsKey(held) || !IsKey(pkt) || pkt->stream_index != held->stream_index) return false;
+    if (held->pts != AV_NOPTS_VALUE && held->pts != pkt->pts) return false;
+    const int start = held->size;
+    if (av_grow_packet(held, pkt->size) < 0) return false;
+    std::memcpy(held->data + start, pkt->data, size_t(pkt->size));
+    held->pts = pkt->pts;
+    held->dts = pkt->dts;
+    return true;
 }
 
 int SyncVideoToAudio(FFMpegContext* ctx, int64_t pts) {

@@ -351,7 +351,11 @@ int RecordStart(FFMpegContext* ctx, const char* path) {
 
     IgnoreWriteSignals();
     int ret = AddVideoStream(ctx, oc.get());
-    if (ret >= 0 && ctx->m_nAudioCodecId.load(std::memory_order_relaxed) != 0) AddAudioStream(ctx, oc.get());
+    // Audio the container has no tag for (G.726 in RTP's little-endian
+    // packing) is left out: the file keeps its video.
+    const int audio = ctx->m_nAudioCodecId.load(std::memory_order_relaxed);
+    if (ret >= 0 && audio != 0 && avformat_query_codec(fmt, AVCodecID(audio), FF_COMPLIANCE_NORMAL) == 1)
+        AddAudioStream(ctx, oc.get());
     if (ret >= 0) {
         av_dump_format(oc.get(), 0, path, 1);
         if (!(fmt->flags & AVFMT_NOFILE)) ret = avio_open(&oc->pb, path, AVIO_FLAG_WRITE);

@@ -144,18 +144,22 @@ int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AV
 }
 
 // Reads up to kProbePackets packets and decodes video until a picture comes
-// out; its size becomes the context's size. A key frame that gave the
-// picture is queued so the stream starts with it (MJPEG pictures stand
-// alone and need no such help). The probe ends on a count of packets, not
-// on time: each read has a deadline of its own, so a camera that is slow
-// to show its first picture stays usable. False when a read missed its
-// deadline: the source is gone.
+// out; its size becomes the context's size. When that picture came from a
+// key frame on, the key frame and the packets after it are queued so the
+// stream starts with them (MJPEG pictures stand alone and need no such
+// help); a key picture that may come in pieces (see JoinKeyPicturePiece)
+// is read on until its next packet. The probe ends on a count of packets,
+// not on time: each read has a deadline of its own, so a camera that is
+// slow to show its first picture stays usable. False when a read missed
+// its deadline: the source is gone.
 bool ProbePictureSize(FFMpegContext* ctx) {
     AVFormatContext* fmt = ctx->m_pFormatCtx.get();
     AVCodecContext* cc = ctx->m_pVideoCodecCtx.get();
     camctl::PacketPtr pkt = camctl::MakePacket();
     camctl::FramePtr frame = camctl::MakeFrame();
     if (!pkt || !frame) return true;
+    std::vector<camctl::PacketPtr> group;  // video packets from the last key frame on
+    bool got = false;
     for (int i = 0; i < kProbePackets; ++i) {
         int read = 0;
         {
@@ -167,15 +171,24 @@ bool ProbePictureSize(FFMpegContext* ctx) {
             av_packet_unref(pkt.get());
             continue;
         }
-        bool got = avcodec_send_packet(cc, pkt.get()) >= 0 && avcodec_receive_frame(cc, frame.get()) >= 0;
-        if (got) {
+        const bool key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
+        const bool piece = group.size() == 1 && SplitsKeyPictures(ctx) && JoinKeyPicturePiece(group[0].get(), pkt.get());
+        if (!piece && (key || !group.empty())) {
+            if (key) group.clear();
+            group.push_back(camctl::MakePacket());
+            if (!group.back() || av_packet_ref(group.back().get(), pkt.get()) < 0) group.clear();
+        }
+        if (!got && avcodec_send_packet(cc, pkt.get()) >= 0 && avcodec_receive_frame(cc, frame.get()) >= 0) {
+            got = true;
             ctx->m_nWidth = frame->width;
             ctx->m_nHeight = frame->height;
-            if ((pkt->flags & AV_PKT_FLAG_KEY) && ctx->m_nVideoCodecId != kCodecMjpeg) PushVideoPacket(ctx, pkt.get());
-            av_packet_unref(pkt.get());
-            break;
         }
         av_packet_unref(pkt.get());
+        if (got && !piece && !(group.size() == 1 && SplitsKeyPictures(ctx))) break;
+    }
+    if (got && !group.empty() && ctx->m_nVideoCodecId != kCodecMjpeg) {
+        for (const camctl::PacketPtr& p : group) PushVideoPacket(ctx, p.get());
+        ctx->m_bProbeKeyQueued = true;
     }
     // The decode thread starts from the queued key frame with a clean decoder.
     avcodec_flush_buffers(cc);
@@ -201,13 +214,16 @@ camctl::CodecContextPtr MakeVideoDecoder(const AVCodec* dec, const AVStream* st)
 }
 
 // Opens the decoder of a demuxer's audio stream from its parameters. A
-// decoder that will not open leaves the stream without audio.
-void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStream* st, int index) {
+// decoder that will not open leaves the stream without audio. G.726 is
+// 2 bits a sample, except over RTSP, where the SDP's G726-16/24/32/40 name
+// gives 2 to 5.
+void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStream* st, int index, bool rtsp) {
     camctl::CodecContextPtr ac(avcodec_alloc_context3(dec));
     if (!ac || avcodec_parameters_to_context(ac.get(), st->codecpar) < 0) return;
     ac->pkt_timebase = st->time_base;
     if (dec->id == AV_CODEC_ID_ADPCM_G726) {
-        ac->bits_per_coded_sample = 2;
+        const int bits = st->codecpar->bits_per_coded_sample;
+        ac->bits_per_coded_sample = rtsp && bits >= 2 && bits <= 5 ? bits : 2;
         ac->sample_rate = 8000;
     } else if (dec->id == AV_CODEC_ID_ADPCM_G722) {
         ac->bits_per_coded_sample = 4;
@@ -286,10 +302,11 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     // leaves the stream to FFmpeg.
     if (ctx->m_nVideoCodecId == kCodecHevc) camctl::h265::CreateContextDecoder(ctx);
 
-    // An audio stream at index 0 is not taken.
+    // The audio stream is taken at any index: a camera whose SDP lists its
+    // audio before the video has it at index 0.
     const AVCodec* adec = nullptr;
     int ai = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, &adec, 0);
-    if (ai > 0 && adec) OpenStreamAudioDecoder(ctx, adec, fmt->streams[ai], ai);
+    if (ai >= 0 && adec) OpenStreamAudioDecoder(ctx, adec, fmt->streams[ai], ai, rtsp);
     ctx->m_bHttpFrame = 0;
     return 0;
 }

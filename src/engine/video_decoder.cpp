@@ -184,6 +184,14 @@ public:
                 os_sleep_ms(kPauseSleepMs);
                 continue;
             }
+            // The RTSP probe's key frame and what follows it wait in the
+            // queue until the reader knows whether decoding came on in time
+            // (see ReadThreadProc) rather than being dropped before the host
+            // could switch decoding on.
+            if (!ctx_->m_bDecode && ctx_->m_bProbeKeyQueued) {
+                os_sleep_ms(kIdleSleepMs);
+                continue;
+            }
             QueuedPacket pkt(PopVideoPacket(ctx_));
             if (!pkt) {
                 os_sleep_ms(kIdleSleepMs);

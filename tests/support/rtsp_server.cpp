@@ -40,13 +40,14 @@ bool RtspServer::Available() {
     return available;
 }
 
-RtspServer::RtspServer(const std::vector<Mount>& mounts, int port) {
+RtspServer::RtspServer(const std::vector<Mount>& mounts, int port, bool udpOnly) {
     char tmpl[] = "/tmp/camctl-rtsp-XXXXXX";
     if (!mkdtemp(tmpl)) return;
     dir_ = tmpl;
     const std::string portFile = dir_ + "/port";
     std::string cmd = "echo $$ > " + dir_ + "/pid; exec " + kPython + " " + CAMCTL_SOURCE_DIR +
                       "/tests/support/rtsp_server.py --port " + std::to_string(port) + " --port-file " + portFile;
+    if (udpOnly) cmd += " --udp-only";
     for (const Mount& m : mounts) {
         cmd += " --mount " + Quote(m.path) + " " + Quote(m.launch);
         if (m.auth != Auth::kNone)
@@ -123,6 +124,16 @@ std::string RtspServer::H265(int width, int height, int fps, int keyInterval) {
 std::string RtspServer::Mjpeg(int width, int height, int fps) {
     return "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) +
            " ! jpegenc ! rtpjpegpay name=pay0 pt=26 )";
+}
+
+std::string RtspServer::CountedVideo(int n) {
+    return "videotestsrc is-live=true pattern=ball num-buffers=" + std::to_string(n) + " ! " + VideoCaps(320, 240, 25);
+}
+
+std::string RtspServer::CountedAudio(int n, int rate, int channels) {
+    return "audiotestsrc is-live=true wave=sine num-buffers=" + std::to_string(n) +
+           " samplesperbuffer=" + std::to_string(rate / 25) + " ! audio/x-raw,rate=" + std::to_string(rate) +
+           ",channels=" + std::to_string(channels);
 }
 
 std::string RtspServer::Mpeg4File(const std::string& mkvPath) {

@@ -27,7 +27,8 @@ public:
 
     // Starts the server and waits (at most 15 s) until it listens, on port
     // (0: any free port; a fixed one restarts a killed server at its address).
-    explicit RtspServer(const std::vector<Mount>& mounts, int port = 0);
+    // udpOnly: the server refuses interleaved TCP.
+    explicit RtspServer(const std::vector<Mount>& mounts, int port = 0, bool udpOnly = false);
     ~RtspServer();  // kills the server
     RtspServer(const RtspServer&) = delete;
     RtspServer& operator=(const RtspServer&) = delete;
@@ -52,6 +53,10 @@ public:
     static std::string H264(int width, int height, int fps, int keyInterval, bool audio = false);
     static std::string H265(int width, int height, int fps, int keyInterval);
     static std::string Mjpeg(int width, int height, int fps);
+    // Live 320x240 test sources that end after n pictures at 25/s, or after
+    // the audio of n pictures' time (rate/25 samples per buffer).
+    static std::string CountedVideo(int n);
+    static std::string CountedAudio(int n, int rate, int channels);
     // A pre-encoded MPEG-4 Part 2 Matroska file, paced in real time.
     static std::string Mpeg4File(const std::string& mkvPath);
 

@@ -9,6 +9,11 @@ to --port-file once it accepts connections. Runs until killed.
 
 A mount with --auth answers 401 unless the client gives that user and
 password with that method; other mounts stay open to anyone.
+
+When a payloader's stream ends, the server prints what it sent:
+  sent pay0 packets=N stamps=S span=T
+(RTP packets, distinct RTP timestamps, i.e. pictures for video, and the RTP
+clock span from the first to the last packet, i.e. samples for audio).
 """
 import argparse
 import os
@@ -52,10 +57,41 @@ def permit(factory, role, construct=True):
         "%s,media.factory.access=(boolean)true,media.factory.construct=(boolean)%s" % (role, str(construct).lower())))
 
 
+def count_sent(_factory, media):
+    for index in range(8):
+        pay = media.get_element().get_by_name("pay%d" % index)
+        if pay is None:
+            return
+        stats = {"packets": 0, "stamps": 0, "first": None, "last": None}
+        kinds = Gst.PadProbeType.BUFFER | Gst.PadProbeType.BUFFER_LIST | Gst.PadProbeType.EVENT_DOWNSTREAM
+        pay.get_static_pad("src").add_probe(kinds, on_sent, (pay.get_name(), stats))
+
+
+def on_sent(_pad, info, data):
+    name, st = data
+    if info.type & Gst.PadProbeType.EVENT_DOWNSTREAM:
+        if info.get_event().type == Gst.EventType.EOS and st["first"] is not None:
+            span = (st["last"] - st["first"]) % (1 << 32)
+            print("sent %s packets=%d stamps=%d span=%d" % (name, st["packets"], st["stamps"], span), flush=True)
+        return Gst.PadProbeReturn.OK
+    buffers = [info.get_buffer()] if info.type & Gst.PadProbeType.BUFFER else \
+        [info.get_buffer_list().get(i) for i in range(info.get_buffer_list().length())]
+    for buf in buffers:
+        stamp = int.from_bytes(buf.extract_dup(4, 4), "big")
+        st["packets"] += 1
+        if stamp != st["last"]:
+            st["stamps"] += 1
+        if st["first"] is None:
+            st["first"] = stamp
+        st["last"] = stamp
+    return Gst.PadProbeReturn.OK
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--port-file", required=True)
     parser.add_argument("--port", type=int, default=0, help="0: any free port")
+    parser.add_argument("--udp-only", action="store_true", help="refuse interleaved TCP")
     parser.add_argument("--mount", nargs=2, action="append", default=[], metavar=("PATH", "LAUNCH"))
     parser.add_argument("--auth", nargs=4, action="append", default=[], metavar=("PATH", "METHOD", "USER", "PASSWORD"))
     args = parser.parse_args()
@@ -75,6 +111,9 @@ def main():
         factory = GstRtspServer.RTSPMediaFactory()
         factory.set_launch(launch)
         factory.set_shared(False)  # every client gets its own pipeline
+        factory.connect("media-configure", count_sent)
+        if args.udp_only:
+            factory.set_protocols(GstRtsp.RTSPLowerTrans.UDP)
         if auth and path in protected:
             method, user, password = protected[path]
             role = "mount%d" % index
