@@ -22,6 +22,8 @@ namespace {
 constexpr int kSampleBufBytes = 32000;  // the thread's sample buffer
 constexpr int kDecodeBytes = 16000;     // in/out size given to one decode
 constexpr int kEmptyRoundsBeforeDrop = 300;
+// Longest wait for a packet once the audio clock is dropped.
+constexpr uint32_t kIdleWaitMs = 1000;
 constexpr int kDefaultSampleRate = 8000;
 
 constexpr int kCodecMulaw = AV_CODEC_ID_PCM_MULAW;
@@ -301,6 +303,7 @@ void StopAudioThread(FFMpegContext* ctx) {
     // it; wait for that so the stop below cannot be overwritten.
     while (!ctx->m_bAudioRunning.load(std::memory_order_relaxed)) os_sleep_ms(1);
     ctx->m_bAudioRunning.store(0, std::memory_order_relaxed);
+    ctx->m_AudioArrivals.Notify();
     os_thread_join(ctx->m_hAudioThread);
     os_thread_free(ctx->m_hAudioThread);
     ctx->m_hAudioThread = nullptr;
@@ -379,14 +382,22 @@ void* AudioDecodeThreadProc(void* arg) {
             os_sleep_ms(50);
             continue;
         }
+        const uint64_t seen = ctx->m_AudioArrivals.Count();
         QueuedPacket pkt(PopAudioPacket(ctx));
         if (!pkt) {
+            // Rounds of 10 ms until the clock is dropped, then of 50 ms;
+            // each ends early when a packet comes. Once the clock is
+            // dropped nothing changes until one does, so the thread then
+            // waits up to a second at a time.
             if (empty_rounds <= kEmptyRoundsBeforeDrop) {
                 ++empty_rounds;
-                os_sleep_ms(10);
-            } else {
-                os_sleep_ms(50);
+                ctx->m_AudioArrivals.WaitPast(seen, 10);
+            } else if (empty_rounds == kEmptyRoundsBeforeDrop + 1) {
+                ++empty_rounds;
+                ctx->m_AudioArrivals.WaitPast(seen, 50);
                 DropAudioClock(ctx);
+            } else {
+                ctx->m_AudioArrivals.WaitPast(seen, kIdleWaitMs);
             }
             continue;
         }

@@ -13,6 +13,7 @@
 #include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
 #include "engine/h265/ihw265d_handle.h"
+#include "engine/packet_arrivals.h"
 #include "runtime/os.h"
 
 struct FFMpegContext;
@@ -36,6 +37,9 @@ struct FFMpegContext {
     os_mutex* m_hVideoPktLock = nullptr;
     os_list* m_pAudioPktList = nullptr;   // guarded by m_hAudioPktLock
     os_mutex* m_hAudioPktLock = nullptr;
+    // Pushes into each queue, for the decode thread waiting on it.
+    PacketArrivals m_VideoArrivals;
+    PacketArrivals m_AudioArrivals;
 
     // Guards the recording fields below while a packet is written.
     os_mutex* m_hRecordLock = nullptr;
@@ -112,6 +116,8 @@ void PushAudioPacket(FFMpegContext* ctx, const AVPacket* pkt);
 AVPacket* PopVideoPacket(FFMpegContext* ctx);
 AVPacket* PopAudioPacket(FFMpegContext* ctx);
 int GetAVPktListElmCount(FFMpegContext* ctx);
+// Wakes both decode threads (after a stop flag was lowered).
+void WakePacketWaiters(FFMpegContext* ctx);
 void FlushVideoPackets(FFMpegContext* ctx);
 void FlushAudioPackets(FFMpegContext* ctx);
 int AppendPacketFragment(AVPacket* acc, const AVPacket* pkt, int start);

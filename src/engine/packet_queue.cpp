@@ -88,11 +88,19 @@ bool ReservePrivate(AVPacket* acc, int keep, int capacity) {
 void PushVideoPacket(FFMpegContext* ctx, const AVPacket* pkt) {
     if (!ctx) return;
     Push(ctx->m_hVideoPktLock, ctx->m_pVideoPktList, pkt);
+    ctx->m_VideoArrivals.Notify();
 }
 
 void PushAudioPacket(FFMpegContext* ctx, const AVPacket* pkt) {
     if (!ctx) return;
     Push(ctx->m_hAudioPktLock, ctx->m_pAudioPktList, pkt);
+    ctx->m_AudioArrivals.Notify();
+}
+
+void WakePacketWaiters(FFMpegContext* ctx) {
+    if (!ctx) return;
+    ctx->m_VideoArrivals.Notify();
+    ctx->m_AudioArrivals.Notify();
 }
 
 AVPacket* PopVideoPacket(FFMpegContext* ctx) {

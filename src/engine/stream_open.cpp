@@ -483,6 +483,7 @@ int FFMpegContextDestroy(FFMpegContext* ctx) {
     if (!ctx) return 0;
     ctx->m_bRunning = 0;
     ctx->m_bAbortIo = 1;  // wakes a reader blocked in network I/O
+    WakePacketWaiters(ctx);
     RecordStop(ctx);
     JoinThread(ctx->m_hReadThread);
     JoinThread(ctx->m_hVideoThread);

@@ -26,6 +26,8 @@ namespace {
 
 constexpr uint32_t kPauseSleepMs = 50;
 constexpr uint32_t kIdleSleepMs = 10;
+// Longest wait for a packet when none can come soon (decoding off).
+constexpr uint32_t kIdleWaitMs = 1000;
 constexpr int kStartWidth = 320;
 constexpr int kStartHeight = 240;
 
@@ -192,9 +194,13 @@ public:
                 os_sleep_ms(kIdleSleepMs);
                 continue;
             }
+            const uint64_t seen = ctx_->m_VideoArrivals.Count();
             QueuedPacket pkt(PopVideoPacket(ctx_));
             if (!pkt) {
-                os_sleep_ms(kIdleSleepMs);
+                // Woken by the next packet. With decoding off the reader
+                // queues nothing until decoding comes on (and then pushes),
+                // so the wait may be long.
+                ctx_->m_VideoArrivals.WaitPast(seen, ctx_->m_bDecode ? kIdleSleepMs : kIdleWaitMs);
                 continue;
             }
             HandlePacket(pkt.get());
