@@ -35,6 +35,7 @@ bool StartsPicture(const FFMpegContext* ctx, const AVPacket* pkt) {
 // Per-thread counters of the reader.
 struct ReaderState {
     camctl::PacketPtr heldKey;    // a key picture that may have more pieces to come
+    bool splitsKeys = false;      // SplitsKeyPictures, fixed for the stream's life
     uint64_t rateStart = 0;       // start of the bit-rate period
     uint64_t frameRateStart = 0;  // start of the frame-rate period
     uint64_t periodBytes = 0;     // video bytes in the bit-rate period
@@ -137,7 +138,7 @@ void HandOn(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
 // is held until the next video packet shows whether it continues it. True
 // when pkt was taken (held or joined) and nothing is to be handed on now.
 bool HoldKeyPicture(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
-    if (pkt->stream_index != ctx->m_nVideoIndex || !SplitsKeyPictures(ctx)) return false;
+    if (!st.splitsKeys || pkt->stream_index != ctx->m_nVideoIndex) return false;
     if (st.heldKey) {
         if (JoinKeyPicturePiece(st.heldKey.get(), pkt)) {
             av_packet_unref(pkt);
@@ -194,6 +195,7 @@ void* ReadThreadProc(void* arg) {
     os_thread_set_name("camctl/read");
     const bool network = IsNetworkSource(ctx->m_szUrl);
     ReaderState st;
+    st.splitsKeys = SplitsKeyPictures(ctx);
     st.rateStart = st.frameRateStart = os_tick_count64();
     st.lastPacketTime = time(nullptr);
     camctl::PacketPtr pkt = camctl::MakePacket();
@@ -234,6 +236,8 @@ void* ReadThreadProc(void* arg) {
         }
         if (!HoldKeyPicture(ctx, st, pkt.get())) HandOn(ctx, st, pkt.get());
     }
+    // A stream that ended by itself still hands on the key picture it held.
+    if (st.heldKey && ctx->m_bRunning) HandOn(ctx, st, st.heldKey.get());
     ctx->m_bReadEnd = 1;
     return nullptr;
 }

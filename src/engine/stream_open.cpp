@@ -159,6 +159,7 @@ bool ProbePictureSize(FFMpegContext* ctx) {
     camctl::FramePtr frame = camctl::MakeFrame();
     if (!pkt || !frame) return true;
     std::vector<camctl::PacketPtr> group;  // video packets from the last key frame on
+    const bool splits = SplitsKeyPictures(ctx);
     bool got = false;
     for (int i = 0; i < kProbePackets; ++i) {
         int read = 0;
@@ -172,7 +173,7 @@ bool ProbePictureSize(FFMpegContext* ctx) {
             continue;
         }
         const bool key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
-        const bool piece = group.size() == 1 && SplitsKeyPictures(ctx) && JoinKeyPicturePiece(group[0].get(), pkt.get());
+        const bool piece = group.size() == 1 && splits && JoinKeyPicturePiece(group[0].get(), pkt.get());
         if (!piece && (key || !group.empty())) {
             if (key) group.clear();
             group.push_back(camctl::MakePacket());
@@ -184,7 +185,7 @@ bool ProbePictureSize(FFMpegContext* ctx) {
             ctx->m_nHeight = frame->height;
         }
         av_packet_unref(pkt.get());
-        if (got && !piece && !(group.size() == 1 && SplitsKeyPictures(ctx))) break;
+        if (got && !piece && !(group.size() == 1 && splits)) break;
     }
     if (got && !group.empty() && ctx->m_nVideoCodecId != kCodecMjpeg) {
         for (const camctl::PacketPtr& p : group) PushVideoPacket(ctx, p.get());
@@ -291,7 +292,7 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
 
     if (rtsp && !ProbePictureSize(ctx)) {
         os_print("%s: no answer while probing the picture size", maskedUrl);
-        return -1;
+        return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, "probing the picture size: no answer", AVERROR_EXIT);
     }
     if (int64_t(ctx->m_nWidth) * ctx->m_nHeight == 0) {
         ctx->m_nWidth = kDefaultWidth;
