@@ -37,37 +37,24 @@
 #include "camsim/server.h"
 #include "support/engine_support.h"
 #include "support/fixtures.h"
+#include "proc_stats.h"
 
 namespace {
 
+using bench::EnvInt;
+using bench::RssMb;
 using Clock = std::chrono::steady_clock;
 
 constexpr double kRequiredFps = 24.5;
 constexpr int kSourceFps = 25;
 constexpr int kCores = 2;
 constexpr int kWarmUpMs = 4000;
-
-int EnvInt(const char* name, int fallback) {
-    const char* v = getenv(name);
-    return v && *v ? atoi(v) : fallback;
-}
-
 double CpuSeconds(int who) {
     rusage u{};
     getrusage(who, &u);
     return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
            double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
 }
-
-double RssMb() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::atof(line.c_str() + 6) / 1024.0;
-    }
-    return 0;
-}
-
 const std::string& Clip720p() {
     static const std::string path = camctl_test::Fixture(
         "bench_testsrc2_1280x720_25fps_10s.mp4",

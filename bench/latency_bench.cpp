@@ -39,6 +39,7 @@
 
 #include "camctl/UrlVideoSession.h"
 #include "support/fixtures.h"
+#include "proc_stats.h"
 
 namespace {
 
@@ -51,10 +52,7 @@ double Now() {
     return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
 }
 
-int TrialSeconds() {
-    const char* v = getenv("CAMCTL_LATENCY_TRIAL_S");
-    return v && *v ? atoi(v) : 60;
-}
+int TrialSeconds() { return bench::EnvInt("CAMCTL_LATENCY_TRIAL_S", 60); }
 
 // The picture number from a luma (or any one-channel) sample reader.
 template <typename Sample>

@@ -55,19 +55,16 @@
 #include "support/engine_support.h"
 #include "support/fixtures.h"
 #include "support/rtsp_server.h"
+#include "proc_stats.h"
 
 namespace {
 
+using bench::EnvInt;
+using bench::RssMb;
 using Clock = std::chrono::steady_clock;
 
 constexpr double kRequiredFps = 24.5;
 constexpr int kWarmUpMs = 4000;
-
-int EnvInt(const char* name, int fallback) {
-    const char* v = getenv(name);
-    return v && *v ? atoi(v) : fallback;
-}
-
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 double Median(std::vector<double> v) {
@@ -109,15 +106,6 @@ double ThreadCpuSeconds(const char* prefix) {
     closedir(dir);
     return total;
 }
-
-double RssMb() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0) return std::atof(line.c_str() + 6) / 1024.0;
-    return 0;
-}
-
 int CountOccurrences(const std::string& text, const std::string& what) {
     int n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;

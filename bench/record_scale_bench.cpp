@@ -51,19 +51,17 @@
 #include "camctl/IpCameraManager.h"
 #include "support/fixtures.h"
 #include "support/rtsp_server.h"
+#include "proc_stats.h"
 
 namespace {
 
+using bench::CountEntries;
+using bench::EnvInt;
+using bench::ProcCpuSeconds;
 using Clock = std::chrono::steady_clock;
 constexpr int kSegmentSec = 10;
 constexpr int kFps = 25;
 constexpr int kGop = 25;
-
-int EnvInt(const char* name, int fallback) {
-    const char* v = getenv(name);
-    return v && *v ? atoi(v) : fallback;
-}
-
 // 75 s so that a file-fed RTSP pipeline outlasts a 60 s trial without looping.
 std::string Clip(bool audio) {
     if (!audio)
@@ -77,32 +75,6 @@ std::string Clip(bool audio) {
         "-t 75 -c:v libx264 -preset ultrafast -b:v 2M -maxrate 2M -bufsize 2M -g 25 -bf 0 "
         "-pix_fmt yuv420p -c:a pcm_mulaw -ac 1");
 }
-
-// utime + stime of a process (or of this one), seconds.
-double ProcCpuSeconds(pid_t pid) {
-    std::ifstream f(pid ? "/proc/" + std::to_string(pid) + "/stat" : std::string("/proc/self/stat"));
-    std::string stat;
-    std::getline(f, stat);
-    const size_t close = stat.rfind(')');
-    if (close == std::string::npos) return 0;
-    std::istringstream rest(stat.substr(close + 2));
-    std::string field;
-    unsigned long long ut = 0, st = 0;
-    for (int i = 3; i <= 15 && rest >> field; ++i) {
-        if (i == 14) ut = std::stoull(field);
-        if (i == 15) st = std::stoull(field);
-    }
-    return double(ut + st) / double(sysconf(_SC_CLK_TCK));
-}
-
-double ProcRssMb(pid_t pid) {
-    std::ifstream status(pid ? "/proc/" + std::to_string(pid) + "/status" : std::string("/proc/self/status"));
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0) return std::atof(line.c_str() + 6) / 1024.0;
-    return 0;
-}
-
 // A child process run through /bin/sh, killed with SIGINT (then SIGKILL) at
 // the end so that ffmpeg closes its last segment.
 class Child {
@@ -231,16 +203,6 @@ private:
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
-
-int CountEntries(const char* dir) {
-    DIR* d = opendir(dir);
-    if (!d) return 0;
-    int n = 0;
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
-}
-
 void Report(benchmark::State& state, int n, double cpuSeconds, double seconds, double rssMb, double threads,
             double fds, double serverCpu, SegmentWatcher& w) {
     state.counters["cameras"] = n;
@@ -261,7 +223,7 @@ void RunCameras(benchmark::State& state, const std::vector<std::string>& urls, p
     const int trial = EnvInt("CAMCTL_RECORD_TRIAL_S", 60);
     camctl_test::TempDir root;
     CIpCameraManager* mgr = CIpCameraManager::GetInstance();
-    const double rss0 = ProcRssMb(0);
+    const double rss0 = bench::RssMb(0);
     const int threads0 = CountEntries("/proc/self/task"), fds0 = CountEntries("/proc/self/fd");
     std::vector<CIpCamera*> cams(n, nullptr);
     std::vector<std::string> dirs(n);
@@ -297,7 +259,7 @@ void RunCameras(benchmark::State& state, const std::vector<std::string>& urls, p
     for (auto _ : state) std::this_thread::sleep_for(std::chrono::seconds(trial));
     const double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
     const double cpu = ProcCpuSeconds(0) - cpu0, serverCpu = server > 0 ? ProcCpuSeconds(server) - server0 : 0;
-    const double rss = ProcRssMb(0) - rss0;
+    const double rss = bench::RssMb(0) - rss0;
     const double threads = CountEntries("/proc/self/task") - threads0, fds = CountEntries("/proc/self/fd") - fds0;
     for (CIpCamera* cam : cams) cam->StopSaveAvi(7);
     mgr->DelAllCamera();
@@ -368,9 +330,9 @@ void BM_RecordScaleFfmpeg(benchmark::State& state) {
     for (size_t i = 0; i < procs.size(); ++i) {
         const std::string proc = "/proc/" + std::to_string(procs[i]->pid());
         cpu += ProcCpuSeconds(procs[i]->pid()) - cpu0[i];
-        rss += ProcRssMb(procs[i]->pid());
-        threads += CountEntries((proc + "/task").c_str());
-        fds += CountEntries((proc + "/fd").c_str());
+        rss += bench::RssMb(procs[i]->pid());
+        threads += CountEntries(proc + "/task");
+        fds += CountEntries(proc + "/fd");
     }
     const double serverCpu = ProcCpuSeconds(server.pid()) - server0;
     for (auto& p : procs) p->Stop();

@@ -29,9 +29,11 @@
 #include "camctl/IpCameraManager.h"
 #include "camsim/server.h"
 #include "support/fixtures.h"
+#include "proc_stats.h"
 
 namespace {
 
+using bench::CountEntries;
 using Clock = std::chrono::steady_clock;
 
 long RssKb() {
@@ -41,17 +43,6 @@ long RssKb() {
         if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
     return 0;
 }
-
-int CountEntries(const char* dir) {
-    DIR* d = opendir(dir);
-    if (!d) return -1;
-    int n = 0;
-    while (dirent* e = readdir(d))
-        if (e->d_name[0] != '.') ++n;
-    closedir(d);
-    return n;
-}
-
 int CountPicture(void*, void* user, unsigned char*, int, int) {
     static_cast<std::atomic<long>*>(user)->fetch_add(1, std::memory_order_relaxed);
     return 0;
