@@ -24,8 +24,7 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
 cd "$BUILD"
-# Timing-sensitive tests (real-time streams on a loaded 2-core machine) get
-# one retry; a test that fails twice fails the run.
-ctest --output-on-failure --no-tests=error -j "$JOBS" --repeat until-pass:2 "$@"
+# No retries: a test that fails on a loaded machine is a defect.
+ctest --output-on-failure --no-tests=error -j "$JOBS" "$@"
 cd ..
 bash scripts/test-ratio.sh

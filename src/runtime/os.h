@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "camctl/FrameListener.h"
 
@@ -130,4 +131,39 @@ int os_sockpair_close(os_sockpair* p);
 // "PRINT <time>  <message>=====...\n" to stderr; writes no file.
 void os_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// Owners for the records above, and a scoped lock: code that keeps a record
+// beyond one function holds it in one of these, never a bare pointer.
+struct OsMutexDeleter {
+    void operator()(os_mutex* m) const { os_mutex_destroy(m); }
+};
+using OsMutexPtr = std::unique_ptr<os_mutex, OsMutexDeleter>;
+struct OsCondDeleter {
+    void operator()(os_cond* c) const { os_cond_destroy(c); }
+};
+using OsCondPtr = std::unique_ptr<os_cond, OsCondDeleter>;
+struct OsSemDeleter {
+    void operator()(os_sem* s) const { os_sem_destroy(s); }
+};
+using OsSemPtr = std::unique_ptr<os_sem, OsSemDeleter>;
+// Joins the thread (when nobody has yet) before releasing its record.
+struct OsThreadJoiner {
+    void operator()(os_thread* t) const {
+        os_thread_join(t);
+        os_thread_free(t);
+    }
+};
+using OsThreadPtr = std::unique_ptr<os_thread, OsThreadJoiner>;
+
+class OsMutexLock {
+public:
+    explicit OsMutexLock(os_mutex* m) : m_(m) { os_mutex_lock(m_); }
+    ~OsMutexLock() { os_mutex_unlock(m_); }
+    OsMutexLock(const OsMutexLock&) = delete;
+    OsMutexLock& operator=(const OsMutexLock&) = delete;
+
+private:
+    os_mutex* m_;
+};
+
 }  // extern "C++"
+
