@@ -89,7 +89,7 @@ Bytes WithMarker(const Bytes& key) {
     return out;
 }
 
-class CountingListener : public IFrameListener {
+class CountingListener final : public IFrameListener {
 public:
     int DoVideoBuffer(unsigned char* buf, int, int) override {
         sink_ = sink_ + buf[0];  // touch the picture

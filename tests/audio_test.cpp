@@ -33,7 +33,7 @@ std::string Sine(int rate) {
 }
 
 // Records every block the audio thread delivers.
-class AudioSink : public IFrameListener {
+class AudioSink final : public IFrameListener {
 public:
     int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
     int DoAudioBuffer(unsigned short* buf, int count, int rate) override {

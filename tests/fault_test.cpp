@@ -150,7 +150,7 @@ INSTANTIATE_TEST_SUITE_P(Faults, DamagedStreamTest,
                          ::testing::Values(DamageCase{"TruncatedFrame", FrameProxy::Fault::kTruncate},
                                            DamageCase{"TwoMegabytesOfGarbage", FrameProxy::Fault::kGarbage},
                                            DamageCase{"ConnectionCutMidFrame", FrameProxy::Fault::kCut}),
-                         [](const ::testing::TestParamInfo<DamageCase>& info) { return info.param.name; });
+                         [](const ::testing::TestParamInfo<DamageCase>& row) { return row.param.name; });
 
 // ---- the camera changes its settings mid-stream ------------------------
 
@@ -221,7 +221,7 @@ TEST_P(ResolutionChangeTest, PicturesResumeAtNewSize) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, ResolutionChangeTest, ::testing::Values(0, 1),
-                         [](const ::testing::TestParamInfo<int>& info) { return info.param ? "I420" : "BGR24"; });
+                         [](const ::testing::TestParamInfo<int>& row) { return row.param ? "I420" : "BGR24"; });
 
 // The camera restarts with another audio codec (G.711 mu-law at 8000 Hz,
 // then G.722 at 16000 Hz): the audio decoder is reopened and audio and
@@ -326,7 +326,7 @@ INSTANTIATE_TEST_SUITE_P(
         TruncatedFile{"MpegTs", "fault_h264_320x240_4s.ts",
                       "-f lavfi -i testsrc2=size=320x240:rate=25 -t 4 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p",
                       true}),
-    [](const ::testing::TestParamInfo<TruncatedFile>& info) { return info.param.name; });
+    [](const ::testing::TestParamInfo<TruncatedFile>& row) { return row.param.name; });
 
 // ---- cameras ------------------------------------------------------------
 

@@ -439,7 +439,7 @@ TEST(Ihw265dChoice, CreationAndChoice) {
 // ---- Through the engine's video decode threads ---------------------------
 
 // Keeps every picture the engine delivers.
-class AllPictures : public IFrameListener {
+class AllPictures final : public IFrameListener {
 public:
     explicit AllPictures(bool yuv) : yuv_(yuv) {}
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {

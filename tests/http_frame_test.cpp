@@ -288,7 +288,7 @@ TEST(HttpReadFrame_Cut, EveryReadBoundaryGivesTheSameFrames) {
 // ---------------------------------------------------------------------------
 // The frame reader over an in-memory connection.
 
-class RegionListener : public IFrameListener {
+class RegionListener final : public IFrameListener {
 public:
     int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
     int DoAudioBuffer(unsigned short*, int, int) override { return 0; }

@@ -263,9 +263,9 @@ TEST_P(InteropTest, PlaysThroughACamera) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, InteropTest, ::testing::ValuesIn(Rows()), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(Rows, InteropTest, ::testing::ValuesIn(Rows()), [](const auto& row) {
     std::string n;
-    for (char c : std::string(info.param.name)) n += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+    for (char c : std::string(row.param.name)) n += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
     return n;
 });
 

@@ -568,7 +568,7 @@ TEST(Text_Strlcpy, BoundedAndTerminated) {
 
 // ---- forwarders --------------------------------------------------------------
 
-class RecordingListener : public IFrameListener {
+class RecordingListener final : public IFrameListener {
 public:
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         calls.push_back("video " + std::to_string(buf[0]) + " " + std::to_string(width) + "x" +

@@ -28,7 +28,7 @@
 namespace camctl_fuzz {
 namespace {
 
-class CheckingListener : public IFrameListener {
+class CheckingListener final : public IFrameListener {
 public:
     int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
     int DoAudioBuffer(unsigned short*, int, int) override { return 0; }

@@ -51,7 +51,7 @@ private:
 };
 
 // An engine owner (what a session is to its context) that logs pictures.
-class SinkListener : public IFrameListener {
+class SinkListener final : public IFrameListener {
 public:
     explicit SinkListener(bool yuv) : yuv_(yuv) {}
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {

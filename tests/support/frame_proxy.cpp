@@ -110,8 +110,8 @@ struct FrameProxy::Impl {
     }
     // Connects to a simulator, sends the client's request and skips the
     // answer's head (returned in *answer). -1 on failure.
-    int OpenUpstream(int port, const std::string& request, std::string* answer) {
-        int fd = ConnectLoopback(port);
+    int OpenUpstream(int upstreamPort, const std::string& request, std::string* answer) {
+        int fd = ConnectLoopback(upstreamPort);
         if (fd < 0) return -1;
         Track(fd);
         if (!WriteAll(fd, reinterpret_cast<const uint8_t*>(request.data()), request.size()) || !ReadHead(fd, answer)) {
