@@ -1,58 +1,17 @@
-// Clock and text helpers, frame-listener forwarders, the loopback socket
-// pipe and the engine's debug print.
-#include <arpa/inet.h>
+// Clock and text helpers, frame-listener forwarders and the engine's debug
+// print.
 #include <errno.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "runtime/os.h"
 
 // ---- clocks ----------------------------------------------------------------
-
-int os_clock_gettime(int clock_id, os_timespec* ts) {
-    if (clock_id != OS_CLOCK_REALTIME_MS || !ts) return -1;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    ts->sec = static_cast<int32_t>(now.tv_sec);
-    ts->nsec = static_cast<int32_t>(now.tv_nsec / 1000000L * 1000000L);  // millisecond grain
-    return 0;
-}
-
-int os_timespec_diff_ms(const os_timespec* a, const os_timespec* b) {
-    if (!a || !b) return 0;
-    return (b->nsec - a->nsec) / 1000000 + (b->sec - a->sec) * 1000;
-}
-
-int os_gettimeofday(os_timeval* tv) {
-    if (!tv) return -1;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tv->sec = static_cast<int32_t>(now.tv_sec);
-    tv->usec = static_cast<int32_t>(now.tv_nsec / 1000);
-    return 0;
-}
-
-const char* os_time_string() {
-    // One buffer per thread: every call overwrites the caller's own copy.
-    static thread_local char buf[20];
-    time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    char full[64];
-    snprintf(full, sizeof full, "%4d%02d%02d-%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1,
-             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-    return os_strlcpy(buf, full, sizeof buf);  // at most 19 characters are kept
-}
 
 uint64_t os_tick_count64() {
     timespec now{};
@@ -69,22 +28,6 @@ void os_sleep_ms(uint32_t ms) {
 }
 
 // ---- text ------------------------------------------------------------------
-
-int os_strtrim(char* s) {
-    if (!s || !*s) return -1;
-    size_t len = strlen(s);
-    size_t begin = 0;
-    while (begin < len && s[begin] == ' ') ++begin;
-    size_t end = len;
-    while (end > begin && s[end - 1] == ' ') --end;
-    if (begin == end) {
-        s[0] = '\0';
-        return -1;
-    }
-    memmove(s, s + begin, end - begin);
-    s[end - begin] = '\0';
-    return 0;
-}
 
 char* os_strlcpy(char* dst, const char* src, int len) {
     if (!dst || !src || len <= 0) return dst;
@@ -137,75 +80,6 @@ int os_notify_event(void* holder, char* region) {
     IFrameListener* listener = ListenerOf(holder);
     if (!listener) return -1;
     listener->UpdateMotionAlarmRegion(region);
-    return 0;
-}
-
-// ---- loopback socket pipe -------------------------------------------------
-
-namespace {
-
-constexpr int kSockPairFirstPort = 10500;  // the first port tried is one above
-constexpr int kSockPairAttempts = 50;
-std::atomic<int> g_sockPairPort{kSockPairFirstPort};
-
-void CloseFd(int& fd) {
-    if (fd >= 0) close(fd);
-    fd = -1;
-}
-
-}  // namespace
-
-os_sockpair* os_sockpair_open() {
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    int sender = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    int receiver = -1;
-    os_sockpair* pair = nullptr;
-    sockaddr_in addr{};
-    bool bound = false;
-    timeval noTimeout{0, 0};
-
-    if (listener < 0 || sender < 0) goto fail;
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (int attempt = 0; attempt < kSockPairAttempts && !bound; ++attempt) {
-        int port = g_sockPairPort.fetch_add(1, std::memory_order_relaxed) + 1;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        bound = bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    }
-    if (!bound || listen(listener, 1) != 0) goto fail;
-    if (setsockopt(sender, SOL_SOCKET, SO_RCVTIMEO, &noTimeout, sizeof noTimeout) != 0) goto fail;
-    if (connect(sender, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) goto fail;
-    receiver = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (receiver < 0) goto fail;
-    pair = static_cast<os_sockpair*>(os_zalloc(sizeof(os_sockpair)));
-    if (!pair) goto fail;
-    CloseFd(listener);
-    pair->recv_fd = receiver;
-    pair->send_fd = sender;
-    return pair;
-
-fail:
-    CloseFd(listener);
-    CloseFd(sender);
-    CloseFd(receiver);
-    return nullptr;
-}
-
-int os_sockpair_send(os_sockpair* p, const void* buf, int len) {
-    if (!p || len < 0) return -1;
-    return static_cast<int>(send(p->send_fd, buf, static_cast<size_t>(len), MSG_NOSIGNAL));
-}
-
-int os_sockpair_recv(os_sockpair* p, void* buf, int len) {
-    if (!p || len < 0) return -1;
-    return static_cast<int>(recv(p->recv_fd, buf, static_cast<size_t>(len), 0));
-}
-
-int os_sockpair_close(os_sockpair* p) {
-    if (!p) return -1;
-    CloseFd(p->recv_fd);
-    CloseFd(p->send_fd);
-    free(p);
     return 0;
 }
 

@@ -1,5 +1,5 @@
-// Singly linked list of opaque values with a cursor that can erase and
-// insert while iterating.
+// Singly linked list of opaque values with a cursor that can erase while
+// iterating.
 #include <cstdlib>
 
 #include "runtime/os.h"
@@ -9,7 +9,7 @@ namespace {
 // Links a new node so that it becomes element pos (already clamped to
 // 0..count). Returns the node, or null when it cannot be allocated.
 os_list_node* LinkNode(os_list* list, void* value, int pos) {
-    os_list_node* node = static_cast<os_list_node*>(os_zalloc(sizeof(os_list_node)));
+    os_list_node* node = static_cast<os_list_node*>(calloc(1, sizeof(os_list_node)));
     if (!node) return nullptr;
     node->value = value;
     os_list_node** link = &list->head;
@@ -26,13 +26,7 @@ int ClampPos(const os_list* list, int pos) {
 
 }  // namespace
 
-os_list* os_list_create() { return static_cast<os_list*>(os_zalloc(sizeof(os_list))); }
-
-void os_list_init(os_list* list) {
-    if (!list) return;
-    list->count = 0;
-    list->head = nullptr;
-}
+os_list* os_list_create() { return static_cast<os_list*>(calloc(1, sizeof(os_list))); }
 
 int os_list_insert(os_list* list, void* value, int pos) {
     if (!list) return -1;
@@ -76,8 +70,6 @@ void os_list_destroy(os_list* list, void (*fn)(void*)) {
     free(list);
 }
 
-void os_list_free_all(os_list* list) { os_list_destroy(list, free); }
-
 void* os_list_begin(os_list* list, os_list_iter* it) {
     if (!it) return nullptr;
     if (!list || list->count <= 0 || !list->head) {
@@ -114,19 +106,4 @@ void* os_list_erase(os_list_iter* it) {
     free(node);
     it->cur = *it->link;
     return it->cur ? it->cur->value : nullptr;
-}
-
-int os_list_insert_at_cursor(os_list_iter* it, void* value, int pos) {
-    if (!it || !it->list) return -1;
-    os_list* list = it->list;
-    pos = ClampPos(list, pos);
-    os_list_node* node = LinkNode(list, value, pos);
-    if (!node) return -1;
-    if (pos <= it->index) {
-        // The new node went in front of the current one: when it landed
-        // right before it, it is now the node whose next points at cur.
-        if (it->cur && pos == it->index) it->link = &node->next;
-        ++it->index;
-    }
-    return list->count;
 }

@@ -21,7 +21,7 @@ namespace {
 // are constructed in place and destroyed before the block goes back.
 template <typename T>
 T* NewRecord() {
-    void* mem = os_zalloc(sizeof(T));
+    void* mem = calloc(1, sizeof(T));
     return mem ? new (mem) T() : nullptr;
 }
 
@@ -66,8 +66,6 @@ struct os_sem {
     int count = 0;
 };
 
-void* os_zalloc(size_t size) { return calloc(1, size); }
-
 // ---- threads ---------------------------------------------------------------
 
 os_thread* os_thread_create(void* /*attr*/, os_thread_routine routine, void* ctx) {
@@ -94,8 +92,6 @@ void os_thread_free(os_thread* thread) {
     if (!thread->joined) pthread_detach(thread->handle);
     FreeRecord(thread);
 }
-
-void os_thread_exit() { pthread_exit(nullptr); }
 
 void os_thread_set_name(const char* name) {
     if (!name) return;
@@ -180,13 +176,14 @@ int os_sem_post(os_sem* s) {
     return ok ? 0 : -1;
 }
 
-int os_sem_wait(os_sem* s) {
-    if (!s) return -1;
-    if (pthread_mutex_lock(&s->mutex) != 0) return 16;
+namespace {
+
+int SemWaitForever(os_sem* s) {
+    if (pthread_mutex_lock(&s->mutex) != 0) return -1;
     int rc = 0;
     while (s->count == 0) {
         if (pthread_cond_wait(&s->cond, &s->mutex) != 0) {
-            rc = 16;
+            rc = -1;
             break;
         }
     }
@@ -195,9 +192,11 @@ int os_sem_wait(os_sem* s) {
     return rc;
 }
 
+}  // namespace
+
 int os_sem_timedwait(os_sem* s, uint32_t timeout_ms) {
     if (!s) return -1;
-    if (timeout_ms == kInfinite) return os_sem_wait(s) == 0 ? 0 : -1;
+    if (timeout_ms == kInfinite) return SemWaitForever(s);
     timespec deadline = MonotonicDeadline(timeout_ms);
     if (pthread_mutex_lock(&s->mutex) != 0) return -1;
     int rc = 0;
@@ -228,38 +227,17 @@ int os_sem_destroy(os_sem* s) {
 // ---- condition -------------------------------------------------------------
 
 os_cond* os_cond_create() {
-    os_cond* c = static_cast<os_cond*>(os_zalloc(sizeof(os_cond)));
+    OsSemPtr sem(os_sem_create(0));
+    if (!sem) return nullptr;
+    os_cond* c = NewRecord<os_cond>();
     if (!c) return nullptr;
-    c->mutex = os_mutex_create();
-    if (!c->mutex) {
-        free(c);
-        return nullptr;
-    }
-    c->sem = os_sem_create(0);
+    c->sem = sem.release();
     return c;
 }
 
 int os_cond_signal(os_cond* c) {
     if (!c) return -1;
     return os_sem_post(c->sem);
-}
-
-int os_cond_wait(os_cond* c, os_mutex* m) {
-    if (!c) return -1;
-    // The condition's own mutex stays held for the whole wait: waiters are
-    // served one at a time, the others queue on that mutex (holding their m).
-    // It is released before m is taken back, so the order is always
-    // m -> c->mutex and a woken waiter never blocks on an m held by a waiter
-    // queued behind it.
-    if (os_mutex_lock(c->mutex) != 0) return -1;
-    if (os_mutex_unlock(m) != 0) {
-        os_mutex_unlock(c->mutex);
-        return -1;
-    }
-    int rc = os_sem_wait(c->sem) == 0 ? 0 : -1;
-    if (os_mutex_unlock(c->mutex) != 0) rc = -1;
-    if (os_mutex_lock(m) != 0) rc = -1;
-    return rc;
 }
 
 int os_cond_timedwait_ms(os_cond* c, os_mutex* m, uint32_t timeout_ms) {
@@ -270,19 +248,9 @@ int os_cond_timedwait_ms(os_cond* c, os_mutex* m, uint32_t timeout_ms) {
     return rc;
 }
 
-int os_cond_timedwait_abs(os_cond* c, os_mutex* m, const os_timespec* deadline) {
-    if (!c || !deadline) return -1;
-    os_timespec now{};
-    os_clock_gettime(OS_CLOCK_REALTIME_MS, &now);
-    int remaining = os_timespec_diff_ms(&now, deadline);
-    if (remaining < 1) return 1;
-    return os_cond_timedwait_ms(c, m, static_cast<uint32_t>(remaining));
-}
-
 int os_cond_destroy(os_cond* c) {
     if (!c) return 0;
     os_sem_destroy(c->sem);
-    os_mutex_destroy(c->mutex);
-    free(c);
+    FreeRecord(c);
     return 0;
 }
