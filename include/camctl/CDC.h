@@ -15,13 +15,15 @@
 /// \class CDC
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-class CDC {
+class CAMCTL_API CDC {
 public:
     virtual ~CDC() = default;
     CDC(const CDC&) = delete;
@@ -44,7 +46,7 @@ protected:
     std::atomic<int> m_nHeight;
 };
 
-class CMemoryDC : public CDC {
+class CAMCTL_API CMemoryDC : public CDC {
 public:
     /// A width x height surface filled with black.
     CMemoryDC(int width, int height);
@@ -68,7 +70,7 @@ private:
     int m_nPaintCount = 0;
 };
 
-class CWindowDC : public CDC {
+class CAMCTL_API CWindowDC : public CDC {
 public:
     /// Wraps an existing window of the host on the X display displayName
     /// (null: $DISPLAY). The surface keeps a back buffer of the window's

@@ -8,11 +8,13 @@
 /// \class CFileVideoSession
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <cstdint>
 
 #include "camctl/VideoSession.h"
 
-class CFileVideoSession : public CVideoSession {
+class CAMCTL_API CFileVideoSession : public CVideoSession {
 public:
     CFileVideoSession();
     ~CFileVideoSession() override;

@@ -3,7 +3,9 @@
 /// \class IFrameListener
 #pragma once
 
-class IFrameListener {
+#include "camctl/Export.h"
+
+class CAMCTL_API IFrameListener {
 public:
     /// A picture: packed BGR24 bottom-up or planar I420, see the session.
     virtual int DoVideoBuffer(unsigned char* buf, int width, int height) = 0;

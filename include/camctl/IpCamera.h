@@ -26,6 +26,8 @@
 /// \class CIpCamera
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -48,7 +50,7 @@ typedef int (*VideoBufCallBack)(void* camera, void* user, unsigned char* buf, in
 // (camera, user pointer, signed 16-bit samples, sample count, sample rate).
 typedef int (*AudioBufCallBack)(void* camera, void* user, unsigned short* buf, int a, int b);
 
-class CIpCamera {
+class CAMCTL_API CIpCamera {
 public:
     CIpCamera();
     /// A default camera with the given identity (the manager itself uses the

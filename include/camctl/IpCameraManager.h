@@ -12,6 +12,8 @@
 /// \class CIpCameraManager
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -22,7 +24,7 @@
 
 class CIpCamera;
 
-class CIpCameraManager {
+class CAMCTL_API CIpCameraManager {
 public:
     /// The singleton, made on first use (null if it cannot be made).
     static CIpCameraManager* GetInstance();

@@ -7,13 +7,15 @@
 /// \class CMotionDetector
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 
-class CMotionDetector {
+class CAMCTL_API CMotionDetector {
 public:
     static constexpr int kGridColumns = 32;
     static constexpr int kGridRows = 24;

@@ -5,6 +5,8 @@
 // error text, with any password shown as "***").
 #pragma once
 
+#include "camctl/Export.h"
+
 /// Why the last open of a stream failed.
 enum CamctlOpenFailure {
     CAMCTL_OPEN_OK = 0,           ///< the last open succeeded, or none was tried
@@ -19,4 +21,4 @@ enum CamctlOpenFailure {
 
 /// Short English name of a reason: "ok", "unreachable", "credentials refused",
 /// "not found", "no video", "bad url", "failed" (also for unknown values).
-const char* CamctlOpenFailureName(int reason);
+CAMCTL_API const char* CamctlOpenFailureName(int reason);

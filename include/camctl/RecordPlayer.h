@@ -13,6 +13,8 @@
 /// \class CRecordPlayer
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -34,7 +36,7 @@ typedef int (*PlayerVideoBufCallBack)(CRecordPlayer* player, void* user, unsigne
 typedef int (*PlayerAudioBufCallBack)(CRecordPlayer* player, void* user, unsigned short* buf,
                                       int32_t count, int32_t rate);
 
-class CRecordPlayer {
+class CAMCTL_API CRecordPlayer {
 public:
     CRecordPlayer();
     ~CRecordPlayer();

@@ -6,6 +6,8 @@
 /// \class CTimeManager
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <ctime>
@@ -24,7 +26,7 @@ struct _record_time_t {
     int32_t nEndMinute;   ///< 0..59
 };
 
-class CTimeManager {
+class CAMCTL_API CTimeManager {
 public:
     /// Wall clock in seconds since 1970; the local time is derived from it.
     typedef time_t (*ClockFn)();

@@ -9,11 +9,13 @@
 /// \class CUrlVideoSession
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <cstdint>
 
 #include "camctl/VideoSession.h"
 
-class CUrlVideoSession : public CVideoSession {
+class CAMCTL_API CUrlVideoSession : public CVideoSession {
 public:
     CUrlVideoSession();
     ~CUrlVideoSession() override;

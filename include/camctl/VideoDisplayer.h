@@ -12,6 +12,8 @@
 /// \class CVideoDisplayer
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -20,7 +22,7 @@
 class CDC;
 struct SwsContext;
 
-class CVideoDisplayer {
+class CAMCTL_API CVideoDisplayer {
 public:
     CVideoDisplayer();
     ~CVideoDisplayer();
@@ -61,5 +63,5 @@ private:
 // 24-bit blue-green-red picture whose rows are `stride` pixels long,
 // starting at `picture`: pure red when `red` is non-zero, white otherwise.
 // `reserved` is not used.
-void DrawRectFrame(unsigned char* picture, int stride, int reserved, int width, int height,
+CAMCTL_API void DrawRectFrame(unsigned char* picture, int stride, int reserved, int width, int height,
                    int red, int thickness);

@@ -15,6 +15,8 @@
 /// \class CVideoSession
 #pragma once
 
+#include "camctl/Export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -26,7 +28,7 @@ struct FFMpegContext;
 struct os_cond;
 struct os_mutex;
 
-class CVideoSession : public IFrameListener {
+class CAMCTL_API CVideoSession : public IFrameListener {
 public:
     CVideoSession();
     /// Owners call VideoFree first. A stream still open is closed here (and

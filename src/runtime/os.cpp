@@ -31,8 +31,11 @@ void os_sleep_ms(uint32_t ms) {
 
 char* os_strlcpy(char* dst, const char* src, int len) {
     if (!dst || !src || len <= 0) return dst;
-    strncpy(dst, src, static_cast<size_t>(len));
-    dst[len - 1] = '\0';
+    // strncpy's result, the last byte always the terminator.
+    const size_t size = static_cast<size_t>(len);
+    const size_t n = strnlen(src, size - 1);
+    memcpy(dst, src, n);
+    memset(dst + n, 0, size - n);
     return dst;
 }
 
