@@ -26,11 +26,9 @@ int Log(int unit, const std::string& msg) {
 }
 
 int RunScenario(const std::string& name) {
-    if (name == "units") {  // a1 b1 a2 c1 b2: bit i set when call i failed
-        const int units[] = {0, 1, 0, 2, 1};
-        const char* msgs[] = {"a1", "b1", "a2", "c1", "b2"};
-        int failed = 0;
-        for (int i = 0; i < 5; ++i) failed |= (Log(units[i], msgs[i]) != 0) << i;
+    if (name == "units") {  // bit i set when call i failed; the letter is the unit
+        int failed = 0, i = 0;
+        for (const char* msg : {"a1", "b1", "a2", "c1", "b2"}) failed |= (Log(msg[0] - 'a', msg) != 0) << i++;
         return failed;
     }
     if (name == "long") {
@@ -52,8 +50,8 @@ const int kChildMarker = [] {
 }();
 
 std::string ReadText(const std::string& path) {
-    std::vector<unsigned char> bytes = camctl_test::ReadFileBytes(path);
-    return std::string(bytes.begin(), bytes.end());
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 const char kStamp[] = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d:\d{3}\[debug\]=====)";
@@ -66,10 +64,7 @@ std::vector<std::string> Messages(const std::string& text, int notices = 0) {
     const std::regex re(kStamp + std::string("(.*)====="));
     std::smatch m;
     for (std::string line; std::getline(in, line);) {
-        if (line.find("camctl: cannot write the debug log ") == 0) {
-            ++found;
-            continue;
-        }
+        if (line.rfind("camctl: cannot write the debug log ", 0) == 0 && ++found) continue;
         const bool ok = std::regex_match(line, m, re);
         EXPECT_TRUE(ok) << line;
         if (ok) out.push_back(m[1]);
