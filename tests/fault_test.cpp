@@ -34,6 +34,7 @@ using camctl_test::TimeMs;
 
 constexpr int kCloseBudgetMs = 1000;
 constexpr int kDeadlineMs = 30000;  // bounds a failure only
+constexpr int kFaultAt = 100;       // the video frame a stream's own fault hits: 4 s in, for slow decoders
 
 // A live session that also keeps the audio rates in order of arrival.
 class LiveSession final : public camctl_test::LoggingUrlSession {
@@ -91,7 +92,7 @@ Broken ThroughProxy(FrameProxy::Fault fault) {
     FrameProxy::Options po;
     po.upstream_port = sim->Port();
     po.fault = fault;
-    po.at_video_frame = 40;
+    po.at_video_frame = kFaultAt;
     auto proxy = std::make_shared<FrameProxy>(po);
     EXPECT_TRUE(proxy->Start());
     Broken b(proxy->Url());
@@ -169,24 +170,24 @@ TEST_P(StreamFaultTest, ReaderEnds_CloseIsQuick_ReopenResumes) {
 INSTANTIATE_TEST_SUITE_P(
     Faults, StreamFaultTest,
     ::testing::Values(
-        FaultRow{"TruncatedFrame", [] { return ThroughProxy(FrameProxy::Fault::kTruncate); }, false, 40, "", false},
-        FaultRow{"TwoMegabytesOfGarbage", [] { return ThroughProxy(FrameProxy::Fault::kGarbage); }, false, 40, "",
+        FaultRow{"TruncatedFrame", [] { return ThroughProxy(FrameProxy::Fault::kTruncate); }, false, kFaultAt, "", false},
+        FaultRow{"TwoMegabytesOfGarbage", [] { return ThroughProxy(FrameProxy::Fault::kGarbage); }, false, kFaultAt, "",
                  false},
-        FaultRow{"ConnectionCutMidFrame", [] { return ThroughProxy(FrameProxy::Fault::kCut); }, false, 40, "", false},
+        FaultRow{"ConnectionCutMidFrame", [] { return ThroughProxy(FrameProxy::Fault::kCut); }, false, kFaultAt, "", false},
         // The decoder was opened for the first codec: a change ends the stream.
         FaultRow{"VideoCodecChange",
                  [] {
                      camsim::Options so;
                      so.pattern.width = 640;
                      so.pattern.height = 480;
-                     so.pattern.codec_change_after = 30;
+                     so.pattern.codec_change_after = kFaultAt;
                      so.pattern.codec_change_to = camsim::VideoCodec::MJPEG;
                      auto sim = Simulator(so);
                      Broken b(sim->Url());
                      b.keep = {sim};
                      return b;
                  },
-                 false, 30, "Video codec change:27 -> 7 !!", false},
+                 false, kFaultAt, "Video codec change:27 -> 7 !!", false},
         FaultRow{"CameraGoesAway",
                  [] {
                      camsim::Options so;
