@@ -182,6 +182,16 @@ std::function<void(camsim::Options&)> WithAudio(camsim::AudioCodec a) {
     return [a](camsim::Options& o) { o.pattern.width = 160, o.pattern.height = 120, o.pattern.audio = a; };
 }
 
+// A 256x144 file with a 8000 Hz sine (a quieter beep than the generated one).
+WireRow FileRow(const char* name, const char* fixture, const std::string& codecs, AVCodecID video, uint32_t wire,
+                AVCodecID audio) {
+    const std::string args = "-f lavfi -i testsrc2=size=256x144:rate=25 -f lavfi -i sine=sample_rate=8000 -t 1 -ac 1 " + codecs;
+    return {name, [=](camsim::Options& o) { o.file = camctl_test::Fixture(fixture, args); }, 40, [=](const Frames& f) {
+                CheckVideo(f, video, wire, 256, 144);
+                CheckAudio(f, audio, 8000, 0, 0.1);
+            }};
+}
+
 void PrintTo(const WireRow& row, std::ostream* os) { *os << row.name; }
 
 class CamsimWire : public ::testing::TestWithParam<WireRow> {};
@@ -269,30 +279,11 @@ INSTANTIATE_TEST_SUITE_P(
                     EXPECT_EQ(f[25].payload, f[0].payload);
                     EXPECT_EQ(f[30].payload, f[5].payload);
                 }},
-        WireRow{"FileHevcMulaw",
-                [](camsim::Options& o) {
-                    o.file = camctl_test::Fixture("hevc_mulaw_256x144.mkv",
-                                                  "-f lavfi -i testsrc2=size=256x144:rate=25 -f lavfi -i "
-                                                  "sine=sample_rate=8000 -t 1 -c:v libx265 -x265-params "
-                                                  "bframes=0:keyint=25:log-level=error -pix_fmt yuv420p -c:a "
-                                                  "pcm_mulaw -ac 1");
-                },
-                40,
-                [](const Frames& f) {
-                    CheckVideo(f, AV_CODEC_ID_HEVC, 3, 256, 144);
-                    CheckAudio(f, AV_CODEC_ID_PCM_MULAW, 8000, 0, 0.1);
-                }},
-        WireRow{"FileMjpegAlaw",
-                [](camsim::Options& o) {
-                    o.file = camctl_test::Fixture("mjpeg_alaw_256x144.avi",
-                                                  "-f lavfi -i testsrc2=size=256x144:rate=25 -f lavfi -i "
-                                                  "sine=sample_rate=8000 -t 1 -c:v mjpeg -q:v 5 -c:a pcm_alaw -ac 1");
-                },
-                40,
-                [](const Frames& f) {
-                    CheckVideo(f, AV_CODEC_ID_MJPEG, 2, 256, 144);
-                    CheckAudio(f, AV_CODEC_ID_PCM_ALAW, 8000, 0, 0.1);
-                }}),
+        FileRow("FileHevcMulaw", "hevc_mulaw_256x144.mkv",
+                "-c:v libx265 -x265-params bframes=0:keyint=25:log-level=error -pix_fmt yuv420p -c:a pcm_mulaw",
+                AV_CODEC_ID_HEVC, 3, AV_CODEC_ID_PCM_MULAW),
+        FileRow("FileMjpegAlaw", "mjpeg_alaw_256x144.avi", "-c:v mjpeg -q:v 5 -c:a pcm_alaw", AV_CODEC_ID_MJPEG, 2,
+                AV_CODEC_ID_PCM_ALAW)),
     [](const ::testing::TestParamInfo<WireRow>& row) { return row.param.name; });
 
 TEST(CamsimWireExtras, JunkFirstAndFileWithoutLoop) {
