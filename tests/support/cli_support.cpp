@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 extern char** environ;
@@ -160,8 +161,26 @@ std::string Field(const std::string& text, const std::string& key) {
 
 bool Contains(const std::string& text, const std::string& what) { return text.find(what) != std::string::npos; }
 
-std::string ProbeSize(const std::string& file) {
-    std::string s = Ffprobe("-select_streams v:0 -show_entries stream=width,height -of csv=p=0:s=x", file);
+std::vector<std::string> Camctl(std::vector<std::string> args) {
+    args.insert(args.begin(), std::string(CAMCTL_BINARY_DIR) + "/tools/camctl");
+    return args;
+}
+
+ChildResult RunCamctl(const std::vector<std::string>& args, double seconds) {
+    return ChildProcess(Camctl(args), ChildProcess::Options()).Wait(seconds);
+}
+
+std::vector<std::string> RecordedFiles(const std::string& out) {
+    std::vector<std::string> files;
+    static const std::regex line(R"(^recorded: (.+) \(\d+ bytes\)$)");
+    std::smatch m;
+    for (const std::string& l : Lines(out))
+        if (std::regex_match(l, m, line)) files.push_back(m[1]);
+    return files;
+}
+
+std::string ProbeVideo(const std::string& file) {
+    std::string s = Ffprobe("-select_streams v:0 -show_entries stream=codec_name,width,height,pix_fmt -of csv=p=0", file);
     while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
     return s;
 }
@@ -176,51 +195,14 @@ bool Decodes(const std::string& file) {
     return RunCommand("ffmpeg -nostdin -v error -xerror -i '" + file + "' -f null - 2>&1", &out) == 0 && out.empty();
 }
 
-BmpHeader ReadBmpHeader(const std::string& path) {
-    std::vector<unsigned char> b = ReadFileBytes(path);
-    BmpHeader h;
-    if (b.size() < 54 || b[0] != 'B' || b[1] != 'M') return h;
-    auto i32 = [&](size_t o) {
-        return static_cast<int32_t>(b[o] | b[o + 1] << 8 | b[o + 2] << 16 | static_cast<uint32_t>(b[o + 3]) << 24);
-    };
-    h.width = i32(18);
-    h.height = i32(22);
-    h.bits = b[28] | b[29] << 8;
-    h.ok = static_cast<long long>(b.size()) == i32(2);
-    return h;
-}
-
-namespace {
-
-bool AllDigits(const std::string& s) {
-    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
-}  // namespace
-
-bool HasFinishedRecordingName(const std::string& path, int reason, int* seconds) {
-    // <name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi
-    const std::string name = path.substr(path.rfind('/') + 1);
-    if (name.size() < 4 || name.compare(name.size() - 4, 4, ".avi") != 0) return false;
-    std::vector<std::string> parts;
-    std::stringstream stem(name.substr(0, name.size() - 4));
-    for (std::string part; std::getline(stem, part, '_');) parts.push_back(part);
-    if (parts.size() < 4) return false;
-    const std::string& camera = parts[parts.size() - 4];
-    const std::string& when = parts[parts.size() - 3];
-    const size_t plus = camera.rfind('+');
-    if (plus == std::string::npos || !AllDigits(camera.substr(plus + 1))) return false;
-    if (when.size() != 15 || when[8] != '-' || !AllDigits(when.substr(0, 8)) || !AllDigits(when.substr(9)))
-        return false;
-    if (parts[parts.size() - 2] != std::to_string(reason) || !AllDigits(parts.back())) return false;
-    if (seconds) *seconds = std::stoi(parts.back());
-    return true;
-}
-
-bool HasAviIndex(const std::string& path) {
-    std::vector<unsigned char> b = ReadFileBytes(path);
-    static const char kTag[] = "idx1";
-    return std::search(b.begin(), b.end(), kTag, kTag + 4) != b.end();
+bool IsFinishedRecording(const std::string& path, int reason, int* seconds) {
+    static const std::regex name(R"(.*/[^/]*\+\d+_\d{8}-\d{6}_(\d+)_(\d+)\.avi$)");
+    std::smatch m;
+    if (!std::regex_match(path, m, name) || m[1] != std::to_string(reason)) return false;
+    if (seconds) *seconds = std::stoi(m[2]);
+    const std::vector<unsigned char> b = ReadFileBytes(path);
+    static const char kIndex[] = "idx1";
+    return std::search(b.begin(), b.end(), kIndex, kIndex + 4) != b.end();
 }
 
 }  // namespace camctl_test

@@ -79,24 +79,22 @@ std::vector<std::string> Lines(const std::string& text);
 std::string Field(const std::string& text, const std::string& key);
 bool Contains(const std::string& text, const std::string& what);
 
-// "WxH" of the first video stream or picture; "" when ffprobe fails.
-std::string ProbeSize(const std::string& file);
+// The camctl tool of this build, with args.
+std::vector<std::string> Camctl(std::vector<std::string> args);
+ChildResult RunCamctl(const std::vector<std::string>& args, double seconds = 60);
+// PATH of camctl's "recorded: PATH (N bytes)" lines.
+std::vector<std::string> RecordedFiles(const std::string& out);
+
+// "codec,width,height,pix_fmt" of the first video stream or picture
+// ("h264,640,360,yuv420p"); "" when ffprobe fails.
+std::string ProbeVideo(const std::string& file);
 // Container duration in seconds; -1 when ffprobe fails.
 double ProbeDuration(const std::string& file);
 // Decodes the whole file; true when ffmpeg reports no error at all.
 bool Decodes(const std::string& file);
 
-struct BmpHeader {
-    bool ok = false;  // "BM" and a file size that matches the header
-    int width = 0;
-    int height = 0;
-    int bits = 0;
-};
-BmpHeader ReadBmpHeader(const std::string& path);
-
-// A finished camera recording: "<name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi".
-bool HasFinishedRecordingName(const std::string& path, int reason, int* seconds = nullptr);
-// The AVI index chunk, which is written with the trailer when the file is closed.
-bool HasAviIndex(const std::string& path);
+// A finished camera recording, "<name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi",
+// with the AVI index that is written with the trailer when the file is closed.
+bool IsFinishedRecording(const std::string& path, int reason, int* seconds = nullptr);
 
 }  // namespace camctl_test

@@ -9,34 +9,36 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
+
+#include "camsim/frame_format.h"
 
 namespace camctl_test {
 
 namespace {
 
-constexpr size_t kHeaderSize = 88;
-constexpr uint32_t kStreamVideo = 1;
 constexpr int kPollMs = 100;
 
-uint32_t Le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+// The header's stream type and payload size, found by encoding a known header.
+size_t FieldOffset(uint32_t camsim::FrameHeader::*field) {
+    camsim::FrameHeader h;
+    h.*field = 0xA5C3E1F0u;
+    uint8_t bytes[camsim::kHeaderSize];
+    camsim::EncodeHeader(h, bytes);
+    const uint8_t le[4] = {0xF0, 0xE1, 0xC3, 0xA5};
+    return size_t(std::search(bytes, bytes + sizeof bytes, le, le + 4) - bytes);
+}
 
-int ConnectLoopback(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(uint16_t(port));
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+uint32_t Le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24; }
+
+sockaddr_in Loopback(int port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(uint16_t(port));
+    return a;
 }
 
 }  // namespace
@@ -52,69 +54,61 @@ struct FrameProxy::Impl {
     std::mutex mu;
     std::vector<std::thread> workers;
     std::vector<int> open_fds;  // every socket a worker uses, shut down by Stop
+    const size_t type_at = FieldOffset(&camsim::FrameHeader::stream_type);
+    const size_t size_at = FieldOffset(&camsim::FrameHeader::size);
 
-    void Track(int fd) {
+    int Track(int fd) {
         std::lock_guard<std::mutex> lock(mu);
-        open_fds.push_back(fd);
+        if (fd >= 0) open_fds.push_back(fd);
+        return fd;
     }
     void Release(int fd) {
         if (fd < 0) return;
         {
             std::lock_guard<std::mutex> lock(mu);
-            for (auto& f : open_fds)
-                if (f == fd) f = -1;
+            std::replace(open_fds.begin(), open_fds.end(), fd, -1);
         }
         close(fd);
     }
-
-    // Waits until fd is readable; false when stopping or on error.
-    bool WaitReadable(int fd) {
-        while (running) {
-            pollfd p{fd, POLLIN, 0};
-            int r = poll(&p, 1, kPollMs);
-            if (r > 0) return true;
-            if (r < 0 && errno != EINTR) return false;
-        }
-        return false;
-    }
     bool ReadExact(int fd, uint8_t* out, size_t n) {
         while (n > 0) {
-            if (!WaitReadable(fd)) return false;
-            ssize_t r = recv(fd, out, n, 0);
-            if (r <= 0) return false;
-            out += r;
-            n -= size_t(r);
+            pollfd p{fd, POLLIN, 0};
+            const int r = poll(&p, 1, kPollMs);
+            if (!running || (r < 0 && errno != EINTR)) return false;
+            if (r <= 0) continue;
+            const ssize_t got = recv(fd, out, n, 0);
+            if (got <= 0) return false;
+            out += got;
+            n -= size_t(got);
         }
         return true;
     }
-    bool WriteAll(int fd, const uint8_t* data, size_t n) {
+    bool WriteAll(int fd, const void* data, size_t n) {
+        auto* p = static_cast<const uint8_t*>(data);
         while (n > 0 && running) {
-            ssize_t w = send(fd, data, n, MSG_NOSIGNAL);
+            const ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
             if (w < 0 && errno == EINTR) continue;
             if (w <= 0) return false;
-            data += w;
+            p += w;
             n -= size_t(w);
         }
         return n == 0;
     }
-    // Reads an HTTP head (up to and including the empty line).
+    // Reads an HTTP head, up to and including the empty line.
     bool ReadHead(int fd, std::string* head) {
         head->clear();
-        uint8_t c;
-        while (head->size() < 8192) {
-            if (!ReadExact(fd, &c, 1)) return false;
+        for (uint8_t c; head->size() < 8192 && ReadExact(fd, &c, 1);) {
             head->push_back(char(c));
             if (head->size() >= 4 && head->compare(head->size() - 4, 4, "\r\n\r\n") == 0) return true;
         }
         return false;
     }
-    // Connects to a simulator, sends the client's request and skips the
-    // answer's head (returned in *answer). -1 on failure.
+    // Sends the client's request to a simulator and reads the answer's head.
     int OpenUpstream(int upstreamPort, const std::string& request, std::string* answer) {
-        int fd = ConnectLoopback(upstreamPort);
-        if (fd < 0) return -1;
-        Track(fd);
-        if (!WriteAll(fd, reinterpret_cast<const uint8_t*>(request.data()), request.size()) || !ReadHead(fd, answer)) {
+        const int fd = Track(socket(AF_INET, SOCK_STREAM, 0));
+        const sockaddr_in a = Loopback(upstreamPort);
+        if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 ||
+            !WriteAll(fd, request.data(), request.size()) || !ReadHead(fd, answer)) {
             Release(fd);
             return -1;
         }
@@ -123,74 +117,55 @@ struct FrameProxy::Impl {
 
     void Serve(int client, bool first) {
         std::string request, answer;
-        int upstream = -1;
-        if (ReadHead(client, &request)) upstream = OpenUpstream(options.upstream_port, request, &answer);
-        if (upstream >= 0 && WriteAll(client, reinterpret_cast<const uint8_t*>(answer.data()), answer.size()))
-            Forward(client, upstream, request, first && options.fault != Fault::kNone);
-        else
-            Release(upstream);
+        int upstream = ReadHead(client, &request) ? OpenUpstream(options.upstream_port, request, &answer) : -1;
+        if (upstream >= 0 && WriteAll(client, answer.data(), answer.size()))
+            upstream = Forward(client, upstream, request, first && options.fault != Fault::kNone);
+        Release(upstream);
         Release(client);
     }
 
-    // Frame by frame from upstream to client; releases upstream.
-    void Forward(int client, int upstream, const std::string& request, bool faulty) {
+    // Frame by frame from upstream to client; the upstream left to release.
+    int Forward(int client, int upstream, const std::string& request, bool faulty) {
         std::vector<uint8_t> frame;
-        int videoFrames = 0;
-        for (;;) {
-            frame.resize(kHeaderSize);
-            if (!ReadExact(upstream, frame.data(), kHeaderSize)) break;
-            const size_t size = Le32(&frame[52]);
-            const bool video = Le32(&frame[48]) == kStreamVideo;
-            if (size > 4000000) break;  // not a frame stream we understand
-            frame.resize(kHeaderSize + size);
-            if (!ReadExact(upstream, frame.data() + kHeaderSize, size)) break;
-            if (video) ++videoFrames;
-
+        for (int videoFrames = 0;;) {
+            frame.resize(camsim::kHeaderSize);
+            if (!ReadExact(upstream, frame.data(), frame.size())) break;
+            const size_t size = Le32(&frame[size_at]);
+            const bool video = Le32(&frame[type_at]) == camsim::kStreamVideo;
+            frame.resize(camsim::kHeaderSize + size);
+            if (size > 4000000 || !ReadExact(upstream, frame.data() + camsim::kHeaderSize, size)) break;
+            videoFrames += video;
             if (faulty && video && videoFrames == options.at_video_frame) {
                 faulty = false;
                 fault_injected = true;
-                bool go_on = true;
-                switch (options.fault) {
-                    case Fault::kTruncate:
-                        frame.resize(kHeaderSize + size / 2);
-                        break;
-                    case Fault::kGarbage:
-                        go_on = SendGarbage(client);
-                        break;
-                    case Fault::kCut:
-                        WriteAll(client, frame.data(), kHeaderSize + size / 2);
-                        go_on = false;
-                        break;
-                    case Fault::kSplice: {
-                        std::string answer;
-                        int other = OpenUpstream(options.splice_port, request, &answer);
-                        Release(upstream);
-                        upstream = other;
-                        if (upstream < 0) return;
-                        continue;  // the frame in hand is dropped; B starts over
-                    }
-                    case Fault::kNone:
-                        break;
+                if (options.fault == Fault::kTruncate) frame.resize(camsim::kHeaderSize + size / 2);
+                if (options.fault == Fault::kGarbage && !SendGarbage(client)) break;
+                if (options.fault == Fault::kCut) {
+                    WriteAll(client, frame.data(), camsim::kHeaderSize + size / 2);
+                    break;
                 }
-                if (!go_on) break;
+                if (options.fault == Fault::kSplice) {  // the frame in hand is dropped; B starts over
+                    std::string answer;
+                    Release(upstream);
+                    upstream = OpenUpstream(options.splice_port, request, &answer);
+                    if (upstream < 0) break;
+                    continue;
+                }
             }
             if (!WriteAll(client, frame.data(), frame.size())) break;
         }
-        Release(upstream);
+        return upstream;
     }
 
     bool SendGarbage(int client) {
         std::vector<uint8_t> junk(64 * 1024);
         uint32_t x = 0x12345678u;
-        for (size_t sent = 0; sent < options.garbage_bytes;) {
+        for (size_t sent = 0; sent < options.garbage_bytes; sent += junk.size()) {
             for (auto& b : junk) {
                 x = x * 1664525u + 1013904223u;
-                b = uint8_t(x >> 24);
-                if (b == 0x33) b = 0x34;  // never the first byte of the marker
+                b = uint8_t(x >> 24) == camsim::kMarker[0] ? 0 : uint8_t(x >> 24);  // never a marker's start
             }
-            const size_t n = std::min(junk.size(), options.garbage_bytes - sent);
-            if (!WriteAll(client, junk.data(), n)) return false;
-            sent += n;
+            if (!WriteAll(client, junk.data(), std::min(junk.size(), options.garbage_bytes - sent))) return false;
         }
         return true;
     }
@@ -199,9 +174,8 @@ struct FrameProxy::Impl {
         while (running) {
             pollfd p{listen_fd, POLLIN, 0};
             if (poll(&p, 1, kPollMs) <= 0) continue;
-            int client = accept(listen_fd, nullptr, nullptr);
+            const int client = Track(accept(listen_fd, nullptr, nullptr));
             if (client < 0) continue;
-            Track(client);
             const bool first = connections.fetch_add(1) == 0;
             std::lock_guard<std::mutex> lock(mu);
             workers.emplace_back([this, client, first] { Serve(client, first); });
@@ -214,21 +188,16 @@ FrameProxy::FrameProxy(const Options& options) : impl_(std::make_unique<Impl>())
 FrameProxy::~FrameProxy() { Stop(); }
 
 bool FrameProxy::Start() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return false;
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 16) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-        close(fd);
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a = Loopback(0);
+    socklen_t len = sizeof a;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 16) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+        if (fd >= 0) close(fd);
         return false;
     }
     impl_->listen_fd = fd;
-    impl_->port = ntohs(addr.sin_port);
+    impl_->port = ntohs(a.sin_port);
     impl_->running = true;
     impl_->acceptor = std::thread([this] { impl_->Accept(); });
     return true;
@@ -246,7 +215,6 @@ void FrameProxy::Stop() {
     }
     for (auto& t : workers) t.join();
     close(impl_->listen_fd);
-    impl_->listen_fd = -1;
 }
 
 int FrameProxy::Port() const { return impl_->port; }

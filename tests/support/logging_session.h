@@ -8,7 +8,6 @@
 
 #include "camctl/FileVideoSession.h"
 #include "camctl/UrlVideoSession.h"
-#include "engine/ffmpeg_context.h"
 #include "support/engine_support.h"
 
 namespace camctl_test {
@@ -38,7 +37,7 @@ public:
         if (rc == 0) this->SetDecodeEnbale(1);
         return rc;
     }
-    FFMpegContext* Context() { return this->m_pContext; }
+    FFMpegContext* Context() { return this->m_pContext; }  // for the engine's own tests
 
     PictureLog log;
     std::atomic<long> audioSamples{0};

@@ -6,10 +6,9 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <thread>
 
+#include "support/cli_support.h"
 #include "support/fixtures.h"
 
 namespace camctl_test {
@@ -17,11 +16,6 @@ namespace camctl_test {
 namespace {
 
 constexpr const char* kPython = "/usr/bin/python3";
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 std::string Quote(const std::string& s) { return "'" + s + "'"; }  // launch lines and credentials hold no quotes
 
@@ -122,8 +116,7 @@ std::string RtspServer::H265(int width, int height, int fps, int keyInterval) {
 }
 
 std::string RtspServer::Mjpeg(int width, int height, int fps) {
-    return "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) +
-           " ! jpegenc ! rtpjpegpay name=pay0 pt=26 )";
+    return "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) + " ! jpegenc ! rtpjpegpay name=pay0 pt=26 )";
 }
 
 std::string RtspServer::CountedVideo(int n) {
