@@ -36,7 +36,6 @@ public:
         const auto* s = reinterpret_cast<const int16_t*>(buf);
         samples_.insert(samples_.end(), s, s + count);
         rate_changes_ += rate != rate_;
-        rates_ok_ = rates_ok_ && (rate_ == 0 || rate == rate_);
         rate_ = rate;
         ++blocks_;
     }
@@ -63,20 +62,27 @@ private:
     std::vector<int16_t> samples_;
     int rate_ = 0;
     int rate_changes_ = 0;
-    bool rates_ok_ = true;
     std::atomic<int> blocks_{0};
 };
 
-class AudioSink final : public IFrameListener {
+// An owner (a session class, or a bare listener) that logs its audio.
+struct NoMotion : IFrameListener {
+    virtual ~NoMotion() = default;
+    int UpdateMotionAlarmRegion(char*) override { return 0; }
+};
+template <class Base>
+class ToneOwner final : public Base {
 public:
     int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
     int DoAudioBuffer(unsigned short* buf, int count, int rate) override {
         audio.Add(buf, count, rate);
         return 0;
     }
-    int UpdateMotionAlarmRegion(char*) override { return 0; }
     AudioLog audio;
 };
+using AudioSink = ToneOwner<NoMotion>;
+using ToneFileSession = ToneOwner<CFileVideoSession>;
+using ToneSession = ToneOwner<CUrlVideoSession>;
 
 // Bounded wait for an event; the deadline only ends a failing test.
 bool WaitFor(const std::function<bool()>& cond, int timeout_ms = 20000) {
@@ -490,26 +496,6 @@ TEST(AudioThread, DecodeOffThenCodecSwitch) {
 }
 
 // ---- through the session classes -------------------------------------
-
-class ToneFileSession final : public CFileVideoSession {
-public:
-    int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
-    int DoAudioBuffer(unsigned short* buf, int count, int rate) override {
-        audio.Add(buf, count, rate);
-        return 0;
-    }
-    AudioLog audio;
-};
-
-class ToneSession final : public CUrlVideoSession {
-public:
-    int DoVideoBuffer(unsigned char*, int, int) override { return 0; }
-    int DoAudioBuffer(unsigned short* buf, int count, int rate) override {
-        audio.Add(buf, count, rate);
-        return 0;
-    }
-    AudioLog audio;
-};
 
 // A file with AAC audio beside its video: the owner gets the tone at 16 kHz
 // and closing the session ends every engine thread, the audio one included.
