@@ -202,7 +202,8 @@ TEST(Ihw265d, PicturesAndStatuses) {
         Decoder dec(320, 240);
         for (size_t i = 0; i <= s.units.size(); ++i) {
             Bytes u = i < s.units.size() ? s.units[i] : Bytes(4096);
-            for (unsigned k = 0; k < 1 + rng() % (seed + 2); ++k) u[rng() % u.size()] ^= uint8_t(1u << (rng() % 8));
+            const unsigned flips = 1 + rng() % (seed + 2);  // headers too
+            for (unsigned k = 0; k < flips; ++k) u[rng() % u.size()] ^= uint8_t(1u << (rng() % 8));
             if (rng() % 7 == 0) u.resize(rng() % u.size());
             const uint32_t r = dec.Decode(u, &out);
             ASSERT_TRUE(r == IHW265D_OK || r == IHW265D_ERR_PICTURE_TOO_LARGE || r == IHW265D_ERR_STREAM) << r;
