@@ -174,6 +174,10 @@ TEST(JpegEncoder, RefusesWithoutWritingPastTheCapacity) {
         EXPECT_EQ(length, 0u);
         for (size_t i = room; i < out.size(); ++i) ASSERT_EQ(out[i], 0xAB) << "written at " << i;
     }
+    // With exactly the room it needs (the last bytes take the bounded path) the same file comes out.
+    const Bytes roomy = Encode(yuv, w, h, 100, plane * 8);
+    EXPECT_EQ(Encode(yuv, w, h, 100, roomy.size()), roomy);
+    EXPECT_TRUE(Encode(yuv, w, h, 100, roomy.size() - 1).empty());
     Bytes out(plane * 3);
     uint32_t length = 1;
     EXPECT_EQ(JpegEncodeYuv(nullptr, u, v, w, h, 100, w, out.data(), &length), -1);
