@@ -1,4 +1,4 @@
-// Text overlay stamped into real bottom-up BGR pictures.
+// Catches: the wrong font for the picture width, glyph rows drawn upside down or off by a row, cells that do not advance, non-printables painted, writes outside the picture, a blank glyph table.
 #include "osd_text.h"
 
 #include <gtest/gtest.h>
@@ -12,147 +12,68 @@ namespace {
 
 using Picture = std::vector<unsigned char>;
 
-// A real test-source picture in the overlay's layout (BGR, bottom-up).
-Picture BottomUpFrame(int width, int height) {
-    const Picture topDown = camctl_test::RawTestFrame("testsrc2", width, height, "bgr24", 7);
-    return camctl_test::FlipRows(topDown.data(), width * 3, height);
-}
-
-// The pixel at image row `row` counted from the top.
-const unsigned char* PixelAt(const Picture& p, int width, int height, int x, int row) {
-    return &p[(static_cast<size_t>(height - 1 - row) * width + x) * 3];
-}
-
-bool IsTextColour(const unsigned char* px) {
-    return px[0] == kOsdColorB && px[1] == kOsdColorG && px[2] == kOsdColorR;
-}
-
-bool GlyphBit(const unsigned char* glyph, int glyphWidth, int gx, int gy) {
-    const int bytesPerRow = glyphWidth / 8;
-    return glyph[gy * bytesPerRow + gx / 8] & (0x80 >> (gx % 8));
-}
-
-// Checks one cell: set glyph bits painted in the text colour, clear bits
-// left as they were, the cell's top row being image row y - 1.
-void ExpectCell(const Picture& before, const Picture& after, int width, int height, int x, int y,
-                const unsigned char* glyph, int glyphWidth, int glyphHeight) {
-    for (int gy = 0; gy < glyphHeight; ++gy) {
-        for (int gx = 0; gx < glyphWidth; ++gx) {
-            const unsigned char* now = PixelAt(after, width, height, x + gx, y - 1 + gy);
-            const unsigned char* was = PixelAt(before, width, height, x + gx, y - 1 + gy);
-            if (glyph && GlyphBit(glyph, glyphWidth, gx, gy)) {
-                ASSERT_TRUE(IsTextColour(now)) << "glyph pixel " << gx << "," << gy;
-            } else {
-                ASSERT_TRUE(now[0] == was[0] && now[1] == was[1] && now[2] == was[2])
-                    << "background pixel " << gx << "," << gy;
+// Expected picture: `before` with each printable character's set glyph bits
+// painted, cells advancing one glyph width per character, the glyph's top row
+// on image row y - 1 (rows counted from the top of a bottom-up picture).
+Picture Expected(Picture p, int width, int height, const std::string& text, int x, int y) {
+    const int gw = width < 720 ? 8 : 16, gh = gw * 2;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const int code = static_cast<unsigned char>(text[i]);
+        if (code < kOsdFirstChar || code > kOsdLastChar) continue;
+        const unsigned char* glyph = gw == 8 ? kOsdFont8x16 + (code - kOsdFirstChar) * 16
+                                             : kOsdFont16x32 + (code - kOsdFirstChar) * 64;
+        for (int gy = 0; gy < gh; ++gy)
+            for (int gx = 0; gx < gw; ++gx) {
+                const int px = x + static_cast<int>(i) * gw + gx, row = y - 1 + gy;
+                if (px < 0 || px >= width || row < 0 || row >= height) continue;
+                if (!(glyph[gy * gw / 8 + gx / 8] & (0x80 >> (gx % 8)))) continue;
+                unsigned char* d = &p[(static_cast<size_t>(height - 1 - row) * width + px) * 3];
+                d[0] = kOsdColorB;
+                d[1] = kOsdColorG;
+                d[2] = kOsdColorR;
             }
+    }
+    return p;
+}
+
+TEST(OsdText, DrawsGlyphCellsIntoBottomUpPictures) {
+    struct {
+        int width, height, x, y;
+        std::string text;
+    } cases[] = {
+        {704, 120, 40, 20, "W"},  {719, 120, 40, 20, "W"},  // 8 x 16 glyphs below 720 pixels
+        {720, 120, 40, 20, "W"},  {1280, 120, 40, 20, "W"},  // 16 x 32 from 720
+        {352, 288, 17, 101, "A\tB C"},  // tab and space leave their cells untouched
+        {352, 288, 10, 10, ""},
+        {100, 30, 60, 10, "clipped at the right edge"}, {100, 30, 0, 0, "top"},
+        {100, 30, 0, 25, "bottom"}, {100, 30, -12, 12, "left"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + " '" + c.text + "'");
+        const Picture top_down = camctl_test::RawTestFrame("testsrc2", c.width, c.height, "bgr24", 7);
+        const Picture before = camctl_test::FlipRows(top_down.data(), c.width * 3, c.height);
+        const Picture expected = Expected(before, c.width, c.height, c.text, c.x, c.y);
+        EXPECT_EQ(expected == before, c.text.empty());  // every case but the empty text has ink
+        // Guard bytes on both sides catch writes outside the picture.
+        std::vector<unsigned char> buffer(before.size() + 2 * 4096, 0x5A);
+        std::copy(before.begin(), before.end(), buffer.begin() + 4096);
+        EXPECT_EQ(DrawOsdText(c.text.c_str(), buffer.data() + 4096, c.width, c.height, c.x, c.y), 0);
+        EXPECT_TRUE(Picture(buffer.begin() + 4096, buffer.end() - 4096) == expected);
+        for (size_t i = 0; i < 4096; ++i) {
+            ASSERT_EQ(buffer[i], 0x5A);
+            ASSERT_EQ(buffer[buffer.size() - 1 - i], 0x5A);
         }
     }
 }
 
-// Pixels that differ between two pictures.
-int ChangedPixels(const Picture& a, const Picture& b) {
-    int n = 0;
-    for (size_t i = 0; i < a.size(); i += 3) n += a[i] != b[i] || a[i + 1] != b[i + 1] || a[i + 2] != b[i + 2];
-    return n;
-}
-
-TEST(OsdText_Font, EveryPrintableGlyphHasInkAndTheSpaceNone) {
+TEST(OsdText, EveryPrintableGlyphHasInkAndTheSpaceNone) {
     for (int code = kOsdFirstChar; code <= kOsdLastChar; ++code) {
         int small = 0, large = 0;
         for (int i = 0; i < 16; ++i) small += kOsdFont8x16[(code - kOsdFirstChar) * 16 + i] != 0;
         for (int i = 0; i < 64; ++i) large += kOsdFont16x32[(code - kOsdFirstChar) * 64 + i] != 0;
-        if (code == ' ') {
-            EXPECT_EQ(small, 0);
-            EXPECT_EQ(large, 0);
-        } else {
-            EXPECT_GT(small, 0) << static_cast<char>(code);
-            EXPECT_GT(large, 0) << static_cast<char>(code);
-        }
+        EXPECT_EQ(small > 0 && large > 0, code != ' ') << static_cast<char>(code);
+        EXPECT_EQ(small == 0 && large == 0, code == ' ') << static_cast<char>(code);
     }
-}
-
-TEST(OsdText_Draw, FontFollowsThePictureWidth) {
-    // Below 720 pixels: 8 x 16 glyphs; from 720: 16 x 32.
-    for (auto [width, glyphWidth] : {std::pair{704, 8}, std::pair{719, 8}, std::pair{720, 16}, std::pair{1280, 16}}) {
-        SCOPED_TRACE(width);
-        const int height = 120, x = 40, y = 20;
-        const Picture before = BottomUpFrame(width, height);
-        Picture after = before;
-        EXPECT_EQ(DrawOsdText("W", after.data(), width, height, x, y), 0);
-        const unsigned char* glyph =
-            glyphWidth == 8 ? kOsdFont8x16 + ('W' - kOsdFirstChar) * 16 : kOsdFont16x32 + ('W' - kOsdFirstChar) * 64;
-        ExpectCell(before, after, width, height, x, y, glyph, glyphWidth, glyphWidth * 2);
-        int ink = 0;
-        for (int i = 0; i < glyphWidth * glyphWidth * 2 / 8; ++i) ink += __builtin_popcount(glyph[i]);
-        EXPECT_EQ(ChangedPixels(before, after), ink);
-    }
-}
-
-TEST(OsdText_Draw, CellsAdvanceForEveryCharacterAndOnlyPrintablesPaint) {
-    const int width = 352, height = 288, x = 17, y = 101;
-    const Picture before = BottomUpFrame(width, height);
-    Picture after = before;
-    EXPECT_EQ(DrawOsdText("A\tB C", after.data(), width, height, x, y), 0);
-    const unsigned char* a = kOsdFont8x16 + ('A' - kOsdFirstChar) * 16;
-    const unsigned char* b = kOsdFont8x16 + ('B' - kOsdFirstChar) * 16;
-    const unsigned char* c = kOsdFont8x16 + ('C' - kOsdFirstChar) * 16;
-    ExpectCell(before, after, width, height, x, y, a, 8, 16);
-    ExpectCell(before, after, width, height, x + 8, y, nullptr, 8, 16);  // tab: untouched gap
-    ExpectCell(before, after, width, height, x + 16, y, b, 8, 16);
-    ExpectCell(before, after, width, height, x + 24, y, nullptr, 8, 16);  // space: nothing
-    ExpectCell(before, after, width, height, x + 32, y, c, 8, 16);
-    int ink = 0;
-    for (int i = 0; i < 16; ++i) ink += __builtin_popcount(a[i]) + __builtin_popcount(b[i]) + __builtin_popcount(c[i]);
-    EXPECT_EQ(ChangedPixels(before, after), ink);
-}
-
-TEST(OsdText_Draw, GlyphRowsStartAtTheRowAboveYInMemoryOrder) {
-    // Glyph row gy starts at byte ((height - y) * width + x) * 3 and each
-    // next row lies width * 3 bytes earlier in memory.
-    const int width = 64, height = 40, x = 8, y = 10;
-    Picture p(static_cast<size_t>(width) * height * 3, 0);
-    DrawOsdText("#", p.data(), width, height, x, y);
-    const unsigned char* glyph = kOsdFont8x16 + ('#' - kOsdFirstChar) * 16;
-    int painted = 0;
-    for (int gy = 0; gy < 16; ++gy) {
-        const size_t row = (static_cast<size_t>(height - y) * width + x) * 3 - static_cast<size_t>(gy) * width * 3;
-        for (int gx = 0; gx < 8; ++gx) {
-            EXPECT_EQ(IsTextColour(&p[row + gx * 3]), GlyphBit(glyph, 8, gx, gy)) << gx << "," << gy;
-        }
-        painted += __builtin_popcount(glyph[gy]);
-    }
-    EXPECT_GT(painted, 0);
-    EXPECT_EQ(ChangedPixels(p, Picture(p.size(), 0)), painted);
-}
-
-TEST(OsdText_Draw, TextPastTheEdgesIsClippedInsideTheBuffer) {
-    const int width = 100, height = 30;
-    const size_t size = static_cast<size_t>(width) * height * 3;
-    // Guard bytes on both sides of the picture.
-    std::vector<unsigned char> buffer(size + 2 * 4096, 0x5A);
-    unsigned char* picture = buffer.data() + 4096;
-    std::fill(picture, picture + size, 0);
-    DrawOsdText("clipped at the right edge", picture, width, height, 60, 10);
-    DrawOsdText("top", picture, width, height, 0, 0);          // first row above the picture
-    DrawOsdText("bottom", picture, width, height, 0, 25);      // runs below the last row
-    DrawOsdText("left", picture, width, height, -12, 12);
-    for (size_t i = 0; i < 4096; ++i) {
-        ASSERT_EQ(buffer[i], 0x5A);
-        ASSERT_EQ(buffer[4096 + size + i], 0x5A);
-    }
-    // What fits is still drawn: the 'c' at x = 60 is whole.
-    Picture p(picture, picture + size);
-    Picture blank(size, 0);
-    const unsigned char* c = kOsdFont8x16 + ('c' - kOsdFirstChar) * 16;
-    ExpectCell(blank, p, width, height, 60, 10, c, 8, 16);
-}
-
-TEST(OsdText_Draw, EmptyTextChangesNothing) {
-    const Picture before = BottomUpFrame(352, 288);
-    Picture after = before;
-    EXPECT_EQ(DrawOsdText("", after.data(), 352, 288, 10, 10), 0);
-    EXPECT_EQ(after, before);
 }
 
 }  // namespace
