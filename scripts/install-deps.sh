@@ -2,7 +2,8 @@
 # Installs what Camctl needs to build, test and run its demo on Debian 12.
 # Idempotent: packages already present are skipped, apt-get runs only when
 # something is missing.
-#   install-deps.sh            build, tests, Debian packages, API reference
+#   install-deps.sh            build, tests, Debian packages, API reference,
+#                              the loaded suite runs (stress-ng)
 #   install-deps.sh --lintian  also lintian (scripts/package.sh; the package
 #                              test runs it when present)
 set -euo pipefail
@@ -20,6 +21,7 @@ PKGS=(
   clang libclang-rt-14-dev gnuplot-nox
   dpkg-dev file doxygen
   pybind11-dev python3-dev python3-numpy python3-pytest
+  stress-ng
 )
 if [ "${1:-}" = --lintian ]; then PKGS+=(lintian); fi
 
