@@ -19,6 +19,8 @@ using namespace camera;
 
 namespace {
 
+constexpr int kTmYearBase = 1900;  // struct tm counts years from here
+
 struct tm LocalNow() {
     const time_t t = time(nullptr);
     struct tm local {};
@@ -50,6 +52,13 @@ std::string SafeComponent(const char* name) {
 // One folder level; failures (the folder exists, a parent is missing) are
 // the caller's to ignore.
 bool MakeDir(const char* path) { return mkdir(path, 0755) == 0; }
+
+// <parent>/YYYY-MM-DD for the day t falls on, made when missing.
+void MakeDayFolder(char (&day)[kTextSize], const char* parent, const struct tm& t) {
+    BoundedPrint(day, sizeof day, "%s/%04d-%02d-%02d", parent, t.tm_year + kTmYearBase, t.tm_mon + 1,
+                 t.tm_mday);
+    MakeDir(day);
+}
 
 }  // namespace
 
@@ -87,10 +96,9 @@ int CIpCamera::GetAviPath(char* out, int reason) {
     MakeDir(m_szSaveDir);
     BoundedPrint(record, sizeof record, "%s/MS_Record", m_szSaveDir);
     MakeDir(record);
-    BoundedPrint(day, sizeof day, "%s/%04d-%02d-%02d", record, t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
-    MakeDir(day);
+    MakeDayFolder(day, record, t);
     BoundedPrint(out, kTextSize, "%s/%s+%d_%04d%02d%02d-%02d%02d%02d_%d.avi", day, name.c_str(), GetId(),
-             t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, reason);
+             t.tm_year + kTmYearBase, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, reason);
     return 0;
 }
 
@@ -109,11 +117,10 @@ int CIpCamera::GetImagePath(char* out, int type) {
         BoundedPrint(folder, sizeof folder, "%s/IMAGE", m_szSaveDir);
         MakeDir(folder);
     }
-    BoundedPrint(day, sizeof day, "%s/%04d-%02d-%02d", folder, t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
-    MakeDir(day);
+    MakeDayFolder(day, folder, t);
     const int32_t serial = s_nImageSerial.fetch_add(1);
     BoundedPrint(out, kTextSize, "%s/%s_%04d%02d%02d-%02d%02d%02d_%d_%d.jpg", day, name.c_str(),
-             t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, type, serial);
+             t.tm_year + kTmYearBase, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, type, serial);
     return 0;
 }
 
