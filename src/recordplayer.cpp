@@ -38,6 +38,20 @@ constexpr long long kMaxLagNs = 100LL * 1000 * 1000;
 constexpr uint32_t kResyncRoundMs = 10;
 constexpr uint32_t kFrameWaitMs = 1000;
 constexpr uint32_t kIdleWaitMs = 1000;
+constexpr int64_t kMsPerSecond = 1000;
+// A frame rate that gives pictures shorter than this is not believed; the
+// player then paces at 25 pictures a second.
+constexpr int64_t kShortestFrameMs = 11;
+constexpr int64_t kDefaultFrameMs = 40;
+// Fastest pace, in 2 ms ticks: one picture per 4 ms.
+constexpr int64_t kMinTickInterval = 2;
+// Speed levels: normal pace, 1 to 4 slower (8x to 1x a picture's length),
+// 101 to 104 faster (4x to 32x).
+constexpr int kSpeedNormal = 0;
+constexpr int kSpeedNormalToo = 100;
+constexpr int kSpeedSlow8 = 1, kSpeedSlow4 = 2, kSpeedSlow2 = 3, kSpeedSlow1 = 4;
+constexpr int kSpeedFast4 = 101, kSpeedFast8 = 102, kSpeedFast16 = 103, kSpeedFast32 = 104;
+constexpr mode_t kFolderMode = 0755;
 
 long long ToNs(const timespec& t) { return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec; }
 
@@ -125,10 +139,8 @@ void CRecordPlayer::OnTimer() {
 int CRecordPlayer::WaitFrameEvent(uint32_t timeout_ms) {
     // The runtime's timed wait releases the mutex it is given for the time of
     // the wait, so the caller holds it on entry.
-    os_mutex_lock(m_hLock);
-    int rc = os_cond_timedwait_ms(m_hFrameEvent, m_hLock, timeout_ms);
-    os_mutex_unlock(m_hLock);
-    return rc == 0 ? 0 : 1;
+    OsMutexLock lock(m_hLock);
+    return os_cond_timedwait_ms(m_hFrameEvent, m_hLock, timeout_ms) == 0 ? 0 : 1;
 }
 
 int CRecordPlayer::PlayFile(const char* path, CDC* dc, int width, int height) {
@@ -149,8 +161,8 @@ int CRecordPlayer::PlayFile(const char* path, CDC* dc, int width, int height) {
     }
     m_FileSession.SetDecodeEnbale(1);
     const int64_t frequency = m_FileSession.GetFrequency();
-    if (frequency != 0) m_nFrameDuration = 1000 / frequency;
-    if (m_nFrameDuration < 11) m_nFrameDuration = 40;
+    if (frequency != 0) m_nFrameDuration = kMsPerSecond / frequency;
+    if (m_nFrameDuration < kShortestFrameMs) m_nFrameDuration = kDefaultFrameMs;
     m_nTickInterval.store((m_nFrameDuration + 1) / 2);
     return 0;
 }
@@ -193,19 +205,19 @@ int CRecordPlayer::SetSpeedLevel(int level) {
     const int64_t d = m_nFrameDuration;
     int64_t interval = m_nTickInterval.load();
     switch (level) {
-        case 0:
-        case 100: interval = (d + 1) / 2; break;
-        case 1: interval = 8 * d; break;
-        case 2: interval = 4 * d; break;
-        case 3: interval = 2 * d; break;
-        case 4: interval = d; break;
-        case 101: interval = d / 4; break;
-        case 102: interval = d / 8; break;
-        case 103: interval = d / 16; break;
-        case 104: interval = d / 32; break;
+        case kSpeedNormal:
+        case kSpeedNormalToo: interval = (d + 1) / 2; break;
+        case kSpeedSlow8: interval = 8 * d; break;
+        case kSpeedSlow4: interval = 4 * d; break;
+        case kSpeedSlow2: interval = 2 * d; break;
+        case kSpeedSlow1: interval = d; break;
+        case kSpeedFast4: interval = d / 4; break;
+        case kSpeedFast8: interval = d / 8; break;
+        case kSpeedFast16: interval = d / 16; break;
+        case kSpeedFast32: interval = d / 32; break;
         default: break;
     }
-    if (interval < 2) interval = 2;  // at most one picture per 4 ms
+    if (interval < kMinTickInterval) interval = kMinTickInterval;
     m_nTickInterval.store(interval);
     m_nSpeedLevel = level;
     m_FileSession.SetSpeedLevel(level);
@@ -245,56 +257,55 @@ int CRecordPlayer::GetImagePath(char* out) {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
-    mkdir(m_szSaveDir, 0755);
+    mkdir(m_szSaveDir, kFolderMode);
     // Only the last level is made here: the folder appears when
     // <save dir>/VMS exists already.
     char folder[512];
     std::snprintf(folder, sizeof folder, "%s/%s/PLAY-IMAGE-MANUAL", m_szSaveDir, "VMS");
-    mkdir(folder, 0755);
+    mkdir(folder, kFolderMode);
     char name[96];
     std::snprintf(name, sizeof name, "%04d%02d%02d-%02d%02d%02d.bmp", local.tm_year + 1900,
                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     const std::string path = std::string(folder) + "/" + name;
-    const size_t len = std::min<size_t>(path.size(), 255);
+    const size_t len = std::min<size_t>(path.size(), sizeof m_szImagePath - 1);
     std::memcpy(out, path.data(), len);
     out[len] = '\0';
     return 0;
 }
 
 int CRecordPlayer::SaveImage() {
-    char path[256];
+    char path[sizeof m_szImagePath];
     GetImagePath(path);
-    os_mutex_lock(m_hLock);
+    OsMutexLock lock(m_hLock);
     std::memcpy(m_szImagePath, path, sizeof m_szImagePath);
     m_bSaveImage = 1;
-    os_mutex_unlock(m_hLock);
     return 0;
 }
 
 void CRecordPlayer::SetVideoBufCallBack(PlayerVideoBufCallBack fn, void* user) {
-    os_mutex_lock(m_hLock);
+    OsMutexLock lock(m_hLock);
     m_pfnVideo = fn;
     m_pVideoUser = user;
-    os_mutex_unlock(m_hLock);
 }
 
 void CRecordPlayer::SetAudioBufCallBack(PlayerAudioBufCallBack fn, void* user) {
-    os_mutex_lock(m_hLock);
+    OsMutexLock lock(m_hLock);
     m_pfnAudio = fn;
     m_pAudioUser = user;
-    os_mutex_unlock(m_hLock);
 }
 
 void CRecordPlayer::WriteSnapshot(unsigned char* buf, int width, int height) {
-    char path[256];
-    os_mutex_lock(m_hLock);
-    const bool pending = m_bSaveImage != 0;
-    if (pending) {
-        std::memcpy(path, m_szImagePath, sizeof path);
-        m_szImagePath[0] = '\0';
-        m_bSaveImage = 0;
+    char path[sizeof m_szImagePath];
+    bool pending = false;
+    {
+        OsMutexLock lock(m_hLock);
+        pending = m_bSaveImage != 0;
+        if (pending) {
+            std::memcpy(path, m_szImagePath, sizeof path);
+            m_szImagePath[0] = '\0';
+            m_bSaveImage = 0;
+        }
     }
-    os_mutex_unlock(m_hLock);
     if (pending) SaveBmpFileUnpadded(path, buf, width, height);
 }
 
@@ -334,20 +345,26 @@ int CRecordPlayer::DoVideoBuffer(CVideoSession* session, unsigned char* buf, int
 
     WriteSnapshot(buf, width, height);
 
-    os_mutex_lock(m_hLock);
-    PlayerVideoBufCallBack fn = m_pfnVideo;
-    void* user = m_pVideoUser;
-    os_mutex_unlock(m_hLock);
+    PlayerVideoBufCallBack fn = nullptr;
+    void* user = nullptr;
+    {
+        OsMutexLock lock(m_hLock);
+        fn = m_pfnVideo;
+        user = m_pVideoUser;
+    }
     if (fn) fn(this, user, buf, width, height);
     return 0;
 }
 
 int CRecordPlayer::DoAudioBuffer(CVideoSession* session, unsigned short* buf, int count, int rate) {
     (void)session;
-    os_mutex_lock(m_hLock);
-    PlayerAudioBufCallBack fn = m_pfnAudio;
-    void* user = m_pAudioUser;
-    os_mutex_unlock(m_hLock);
+    PlayerAudioBufCallBack fn = nullptr;
+    void* user = nullptr;
+    {
+        OsMutexLock lock(m_hLock);
+        fn = m_pfnAudio;
+        user = m_pAudioUser;
+    }
     if (fn) fn(this, user, buf, count, rate);
     return 0;
 }

@@ -22,6 +22,15 @@
 
 namespace {
 
+constexpr int kJpegQuality = 100;
+constexpr mode_t kFolderMode = 0755;
+constexpr size_t kPathSize = 256;  // longer paths are cut
+constexpr uint32_t kBmpFileHeaderSize = 14;
+constexpr uint32_t kBmpInfoHeaderSize = 40;
+constexpr uint32_t kBmpHeaderSize = kBmpFileHeaderSize + kBmpInfoHeaderSize;
+constexpr int kBmpBitsPerPixel = 24;
+constexpr int kRgbBytesPerPixel = 3;
+
 struct FileCloser {
     void operator()(FILE* f) const { fclose(f); }
 };
@@ -76,12 +85,12 @@ int CompressRgbBottomUp(const char* path, unsigned char* data, int width, int he
     jpeg_stdio_dest(&cinfo, file);
     cinfo.image_width = static_cast<JDIMENSION>(width);
     cinfo.image_height = static_cast<JDIMENSION>(height);
-    cinfo.input_components = 3;
+    cinfo.input_components = kRgbBytesPerPixel;
     cinfo.in_color_space = JCS_RGB;
     jpeg_set_defaults(&cinfo);
-    jpeg_set_quality(&cinfo, 100, TRUE);
+    jpeg_set_quality(&cinfo, kJpegQuality, TRUE);
     jpeg_start_compress(&cinfo, TRUE);
-    const size_t rowBytes = static_cast<size_t>(width) * 3;
+    const size_t rowBytes = static_cast<size_t>(width) * kRgbBytesPerPixel;
     while (cinfo.next_scanline < cinfo.image_height) {
         JSAMPROW row = data + static_cast<size_t>(height - 1 - static_cast<int>(cinfo.next_scanline)) * rowBytes;
         jpeg_write_scanlines(&cinfo, &row, 1);
@@ -101,7 +110,7 @@ bool IsDirectory(const char* path) {
 
 bool MakeDirectories(const char* path) {
     if (!path || !*path || IsDirectory(path)) return true;
-    char copy[256];
+    char copy[kPathSize];
     snprintf(copy, sizeof copy, "%s", path);
     // Rebuild the path one component at a time; doubled separators give
     // empty components, which strtok_r skips.
@@ -110,22 +119,22 @@ bool MakeDirectories(const char* path) {
     for (char* part = strtok_r(copy, "/", &save); part; part = strtok_r(nullptr, "/", &save)) {
         prefix += part;
         prefix += '/';
-        if (!IsDirectory(prefix.c_str())) mkdir(prefix.c_str(), 0755);
+        if (!IsDirectory(prefix.c_str())) mkdir(prefix.c_str(), kFolderMode);
     }
     return true;
 }
 
 namespace {
 
-// The 14-byte file header and 40-byte information header of an
-// uncompressed BMP whose rows are stored bottom-up.
-void FillBmpHeader(unsigned char (&header)[54], int width, int height, int bitsPerPixel, uint32_t imageSize) {
+// The file header and information header of an uncompressed BMP whose rows
+// are stored bottom-up.
+void FillBmpHeader(unsigned char (&header)[kBmpHeaderSize], int width, int height, int bitsPerPixel, uint32_t imageSize) {
     std::fill(std::begin(header), std::end(header), 0);
     header[0] = 'B';
     header[1] = 'M';
-    PutLe32(header + 2, imageSize + 54);  // file size
-    PutLe32(header + 10, 54);             // offset of the pixels
-    PutLe32(header + 14, 40);             // information header size
+    PutLe32(header + 2, imageSize + kBmpHeaderSize);  // file size
+    PutLe32(header + 10, kBmpHeaderSize);             // offset of the pixels
+    PutLe32(header + kBmpFileHeaderSize, kBmpInfoHeaderSize);
     PutLe32(header + 18, static_cast<uint32_t>(width));
     PutLe32(header + 22, static_cast<uint32_t>(height));  // positive: rows bottom-up
     PutLe16(header + 26, 1);                              // planes
@@ -139,11 +148,11 @@ bool SaveBmpFile(const char* path, const unsigned char* data, int width, int hei
     if (!path || !data || width <= 0 || height <= 0 || bitsPerPixel <= 0) return false;
     const int64_t rowBytes = (static_cast<int64_t>(width) * bitsPerPixel / 8 + 3) / 4 * 4;
     const int64_t imageSize = rowBytes * height;
-    if (imageSize + 54 > UINT32_MAX) return false;
+    if (imageSize + kBmpHeaderSize > UINT32_MAX) return false;
     FilePtr file(fopen(path, "wb"));
     if (!file) return false;
 
-    unsigned char header[54];
+    unsigned char header[kBmpHeaderSize];
     FillBmpHeader(header, width, height, bitsPerPixel, static_cast<uint32_t>(imageSize));
     fwrite(header, 1, sizeof header, file.get());
     fwrite(data, 1, static_cast<size_t>(imageSize), file.get());
@@ -152,17 +161,17 @@ bool SaveBmpFile(const char* path, const unsigned char* data, int width, int hei
 
 bool SaveBmpFileUnpadded(const char* path, const unsigned char* data, int width, int height) {
     if (!path || !path[0] || !data || width <= 0 || height <= 0) return false;
-    const uint64_t rowBytes = static_cast<uint64_t>(width) * 3;
+    const uint64_t rowBytes = static_cast<uint64_t>(width) * kRgbBytesPerPixel;
     const uint64_t paddedRow = (rowBytes + 3) / 4 * 4;
     const uint64_t imageSize = paddedRow * static_cast<uint64_t>(height);
-    if (imageSize + 54 > UINT32_MAX) return false;
+    if (imageSize + kBmpHeaderSize > UINT32_MAX) return false;
     FilePtr file(fopen(path, "wb"));
     if (!file) return false;
 
-    unsigned char header[54];
-    FillBmpHeader(header, width, height, 24, static_cast<uint32_t>(imageSize));
+    unsigned char header[kBmpHeaderSize];
+    FillBmpHeader(header, width, height, kBmpBitsPerPixel, static_cast<uint32_t>(imageSize));
     bool ok = fwrite(header, 1, sizeof header, file.get()) == sizeof header;
-    static const unsigned char kPad[3] = {0, 0, 0};
+    static const unsigned char kPad[3] = {0, 0, 0};  // at most 3 bytes of row padding
     for (int row = 0; ok && row < height; ++row) {
         ok = fwrite(data + static_cast<size_t>(row) * rowBytes, 1, rowBytes, file.get()) == rowBytes;
         if (ok && paddedRow > rowBytes)
@@ -173,11 +182,11 @@ bool SaveBmpFileUnpadded(const char* path, const unsigned char* data, int width,
 
 int SaveJpegFile(const char* path, unsigned char* data, int width, int height, int bytesPerPixel) {
     if (!path || !data || width <= 0 || height <= 0 || width > JPEG_MAX_DIMENSION ||
-        height > JPEG_MAX_DIMENSION || bytesPerPixel != 3) {
+        height > JPEG_MAX_DIMENSION || bytesPerPixel != kRgbBytesPerPixel) {
         return -1;
     }
     const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
-    for (size_t i = 0; i < pixels; ++i) std::swap(data[i * 3], data[i * 3 + 2]);
+    for (size_t i = 0; i < pixels; ++i) std::swap(data[i * kRgbBytesPerPixel], data[i * kRgbBytesPerPixel + 2]);
     return CompressRgbBottomUp(path, data, width, height);
 }
 
@@ -189,10 +198,10 @@ int SaveYuvJpegFile(const char* path, const unsigned char* yuv, int width, int h
         return -1;
     }
     const size_t plane = width > 0 && height > 0 ? static_cast<size_t>(width) * static_cast<size_t>(height) : 0;
-    std::vector<unsigned char> encoded(plane * 3);
+    std::vector<unsigned char> encoded(plane * kRgbBytesPerPixel);
     uint32_t length = 0;
     if (!yuv || plane == 0 ||
-        JpegEncodeYuv(yuv, yuv + plane, yuv + plane * 5 / 4, width, height, 100, width, encoded.data(),
+        JpegEncodeYuv(yuv, yuv + plane, yuv + plane * 5 / 4, width, height, kJpegQuality, width, encoded.data(),
                       &length) != 0) {
         os_print("can't encode %s\n", path);
         file.reset();

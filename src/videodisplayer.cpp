@@ -118,13 +118,16 @@ int CVideoDisplayer::DisplayVideoBuffer(unsigned char* data, int width, int heig
 void DrawRectFrame(unsigned char* picture, int stride, int /*reserved*/, int width, int height,
                    int red, int thickness) {
     if (!picture || width <= 0 || height <= 0 || thickness <= 0 || stride < width) return;
-    const unsigned char c = red ? 0 : 255;
+    // Blue-green-red pixels: red, or white.
+    constexpr unsigned char kFull = 255;
+    constexpr size_t kBytesPerPixel = 3;
+    const unsigned char c = red ? 0 : kFull;
     const int t = std::min(thickness, height);
     auto paint = [&](int x, int y) {
-        unsigned char* p = picture + (static_cast<size_t>(y) * stride + x) * 3;
+        unsigned char* p = picture + (static_cast<size_t>(y) * stride + x) * kBytesPerPixel;
         p[0] = c;
         p[1] = c;
-        p[2] = 255;
+        p[2] = kFull;
     };
     auto paintRow = [&](int y) {
         for (int x = 0; x < width; ++x) paint(x, y);
