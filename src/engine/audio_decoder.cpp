@@ -331,18 +331,20 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         }
         if (!codec_ctx || avcodec_open2(codec_ctx.get(), codec, nullptr) < 0) {
             // The recorder reads the audio decoder context under the record lock.
-            os_mutex_lock(ctx->m_hRecordLock);
-            ctx->m_pAudioCodecCtx.reset();
-            os_mutex_unlock(ctx->m_hRecordLock);
+            {
+                OsMutexLock record(ctx->m_hRecordLock);
+                ctx->m_pAudioCodecCtx.reset();
+            }
             ctx->m_nAudioIndex = -1;
             ctx->m_nAudioCodecId.store(0, std::memory_order_relaxed);
             return -1;
         }
     }
-    os_mutex_lock(ctx->m_hRecordLock);
-    ctx->m_pAudioCodecCtx = std::move(codec_ctx);
-    ctx->m_nAudioCodecId.store(codec_id, std::memory_order_relaxed);
-    os_mutex_unlock(ctx->m_hRecordLock);
+    {
+        OsMutexLock record(ctx->m_hRecordLock);
+        ctx->m_pAudioCodecCtx = std::move(codec_ctx);
+        ctx->m_nAudioCodecId.store(codec_id, std::memory_order_relaxed);
+    }
     return StartAudioThread(ctx);
 }
 
@@ -439,7 +441,8 @@ void* AudioDecodeThreadProc(void* arg) {
         }
         if (bytes <= 0 || rate_in_use <= 0) continue;
 
-        os_notify_audio(ctx, reinterpret_cast<unsigned short*>(samples), bytes / 2, rate_in_use);
+        if (ctx->m_pOwner)
+            ctx->m_pOwner->DoAudioBuffer(reinterpret_cast<unsigned short*>(samples), bytes / 2, rate_in_use);
         if (bytes != last_bytes || rate_in_use != last_rate) {
             last_bytes = bytes;
             last_rate = rate_in_use;

@@ -11,11 +11,10 @@
 // One-time engine initialisation (library-wide mutexes, network init) and
 // its counterpart.
 int EngineGlobalInit();
-void EngineGlobalUninit();
 
 // Opens a source ("rtsp://", "http://" private frames, file) and starts the
 // reader, video and audio threads. Null on failure.
-FFMpegContext* FFMpegContextCreate(void* owner, const char* url, int yuvOutput,
+FFMpegContext* FFMpegContextCreate(IFrameListener* owner, const char* url, int yuvOutput,
                                    FrameWaitFn frameWait, int smooth);
 int FFMpegContextDestroy(FFMpegContext* ctx);
 
@@ -32,7 +31,7 @@ struct OpenFailureInfo {
 };
 // As FFMpegContextCreate; failure (when given) receives why the open
 // failed, or CAMCTL_OPEN_OK and "" when it succeeded.
-FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput,
+FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int yuvOutput,
                                      FrameWaitFn frameWait, int smooth, const ContextOptions& options,
                                      OpenFailureInfo* failure = nullptr);
 

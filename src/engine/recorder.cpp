@@ -38,16 +38,6 @@ constexpr int64_t kMaxVideoFreq = 300000;
 constexpr size_t kAviPatchBytes = 136;
 constexpr size_t kAviRateOffset = 132;
 
-class RecordLockGuard {
-public:
-    explicit RecordLockGuard(os_mutex* m) : m_(m) { os_mutex_lock(m_); }
-    ~RecordLockGuard() { os_mutex_unlock(m_); }
-    RecordLockGuard(const RecordLockGuard&) = delete;
-    RecordLockGuard& operator=(const RecordLockGuard&) = delete;
-
-private:
-    os_mutex* m_;
-};
 
 // A full disk or a file size limit must end the recording, not the
 // process: writes then fail with an error instead of raising SIGXFSZ, and a
@@ -328,7 +318,7 @@ void PatchAviRate(const char* path, int64_t freq) {
 int RecordStart(FFMpegContext* ctx, const char* path) {
     if (!ctx || !path || ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
     std::lock_guard<std::mutex> recorder(g_recorder_lock);
-    RecordLockGuard record(ctx->m_hRecordLock);
+    OsMutexLock record(ctx->m_hRecordLock);
     if (ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
 
     ctx->m_nRecordFrames = 0;
@@ -378,7 +368,7 @@ int RecordStart(FFMpegContext* ctx, const char* path) {
 int RecordStop(FFMpegContext* ctx) {
     if (!ctx || !ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
     std::lock_guard<std::mutex> recorder(g_recorder_lock);
-    RecordLockGuard record(ctx->m_hRecordLock);
+    OsMutexLock record(ctx->m_hRecordLock);
     if (!ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
     ctx->m_bRecording.store(0, std::memory_order_relaxed);
 
@@ -390,7 +380,7 @@ int RecordStop(FFMpegContext* ctx) {
 
 void RecordWritePacket(FFMpegContext* ctx, AVPacket* pkt) {
     if (!ctx || !pkt) return;
-    RecordLockGuard record(ctx->m_hRecordLock);
+    OsMutexLock record(ctx->m_hRecordLock);
     if (!ctx->m_bRecording.load(std::memory_order_relaxed) || !ctx->m_pRecordFmtCtx) return;
 
     const bool video = pkt->stream_index == ctx->m_nVideoIndex;
