@@ -24,7 +24,6 @@ constexpr int kDecodeBytes = 16000;     // in/out size given to one decode
 constexpr int kEmptyRoundsBeforeDrop = 300;
 // Longest wait for a packet once the audio clock is dropped.
 constexpr uint32_t kIdleWaitMs = 1000;
-constexpr int kDefaultSampleRate = 8000;
 
 constexpr int kCodecMulaw = AV_CODEC_ID_PCM_MULAW;
 constexpr int kCodecAlaw = AV_CODEC_ID_PCM_ALAW;
@@ -319,10 +318,10 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         if (codec) codec_ctx.reset(avcodec_alloc_context3(codec));
         if (codec_ctx) {
             int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
-            codec_ctx->sample_rate = rate > 0 ? rate : kDefaultSampleRate;
+            codec_ctx->sample_rate = rate > 0 ? rate : kNarrowbandRateHz;
             av_channel_layout_default(&codec_ctx->ch_layout, 1);
             if (codec_id == kCodecG726) {
-                codec_ctx->sample_rate = 8000;
+                codec_ctx->sample_rate = kNarrowbandRateHz;
                 codec_ctx->bits_per_coded_sample = 2;
             } else if (codec_id == kCodecG722) {
                 codec_ctx->sample_rate = 16000;
@@ -366,13 +365,13 @@ void* AudioDecodeThreadProc(void* arg) {
     bool aac_uninitialised = true;
     if (codec_id == kCodecAac) {
         int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
-        if (!faad.Open(static_cast<unsigned long>(rate > 0 ? rate : kDefaultSampleRate))) {
+        if (!faad.Open(static_cast<unsigned long>(rate > 0 ? rate : kNarrowbandRateHz))) {
             os_print("======NeAACDecOpen==Failed===================\n");
             return nullptr;
         }
     }
 
-    int rate_in_use = kDefaultSampleRate;
+    int rate_in_use = kNarrowbandRateHz;
     int empty_rounds = 0;
     int last_bytes = 0;
     int last_rate = 0;
@@ -381,7 +380,7 @@ void* AudioDecodeThreadProc(void* arg) {
 
     while (KeepRunning(ctx)) {
         if (ctx->m_bPause.load(std::memory_order_relaxed)) {
-            os_sleep_ms(50);
+            os_sleep_ms(kPauseSleepMs);
             continue;
         }
         const uint64_t seen = ctx->m_AudioArrivals.Count();

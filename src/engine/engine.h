@@ -8,6 +8,21 @@
 #include "camctl/OpenFailure.h"
 #include "engine/ffmpeg_context.h"
 
+// Figures shared by the engine's units.
+// RTP and MPEG-TS timestamps tick at 90 kHz.
+constexpr int kPtsClockHz = 90000;
+// Narrow-band camera audio (G.711/G.726) and the rate assumed when a
+// source announces none.
+constexpr int kNarrowbandRateHz = 8000;
+// Samples per channel in one AAC frame.
+constexpr int kAacFrameSamples = 1024;
+// Recorded frame rates are kept in hundredths of a frame per second.
+constexpr int64_t kFreqScale = 100;
+// A paused thread polls its flag this often.
+constexpr uint32_t kPauseSleepMs = 50;
+// A decode thread with nothing to do (decoding off) looks again this soon.
+constexpr uint32_t kIdleSleepMs = 10;
+
 // One-time engine initialisation (library-wide mutexes, network init) and
 // its counterpart.
 int EngineGlobalInit();

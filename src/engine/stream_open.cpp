@@ -221,7 +221,7 @@ void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStre
     if (dec->id == AV_CODEC_ID_ADPCM_G726) {
         const int bits = st->codecpar->bits_per_coded_sample;
         ac->bits_per_coded_sample = rtsp && bits >= 2 && bits <= 5 ? bits : 2;
-        ac->sample_rate = 8000;
+        ac->sample_rate = kNarrowbandRateHz;
     } else if (dec->id == AV_CODEC_ID_ADPCM_G722) {
         ac->bits_per_coded_sample = 4;
         ac->sample_rate = 16000;

@@ -24,8 +24,6 @@ extern "C" {
 
 namespace {
 
-constexpr uint32_t kPauseSleepMs = 50;
-constexpr uint32_t kIdleSleepMs = 10;
 // Longest wait for a packet when none can come soon (decoding off).
 constexpr uint32_t kIdleWaitMs = 1000;
 constexpr int kStartWidth = 320;
