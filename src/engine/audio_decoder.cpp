@@ -350,7 +350,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
 void* AudioDecodeThreadProc(void* arg) {
     auto* ctx = static_cast<FFMpegContext*>(arg);
     ctx->m_bAudioRunning.store(1, std::memory_order_relaxed);
-    os_thread_set_name("camctl/dec-a");
+    NameEngineThread(ctx, "da");
 
     const int codec_id = ctx->m_nAudioCodecId.load(std::memory_order_relaxed);
     AVCodecContext* codec_ctx = ctx->m_pAudioCodecCtx.get();

@@ -78,6 +78,10 @@ private:
 int IoInterruptCallback(void* ctx);
 // True for sources reached over the network ("scheme://...").
 bool IsNetworkSource(const char* url);
+// Names the calling thread "<role>:<source>" (the camera's host, or the
+// file's name), cut to the 15 characters Linux keeps, so the threads of two
+// cameras can be told apart in top -H and a debugger.
+void NameEngineThread(const FFMpegContext* ctx, const char* role);
 
 // Reader thread and pacing.
 void* ReadThreadProc(void* ctx);

@@ -9,6 +9,7 @@
 // waits for the next key frame.
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "engine/engine.h"
 #include "engine/http_frame.h"
@@ -194,9 +195,31 @@ void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
 
 }  // namespace
 
+void NameEngineThread(const FFMpegContext* ctx, const char* role) {
+    const std::string url = ctx->m_szUrl;
+    std::string source;
+    const size_t scheme = url.find("://");
+    if (scheme != std::string::npos) {
+        size_t start = scheme + 3;
+        const size_t end = url.find_first_of("/?", start);
+        const size_t at = url.rfind('@', end);  // credentials never reach the name
+        if (at != std::string::npos && at >= start) start = at + 1;
+        source = url.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        const size_t port = source.rfind(':');
+        if (port != std::string::npos && source.find(']') == std::string::npos) source.resize(port);
+    } else {
+        const size_t slash = url.rfind('/');
+        source = slash == std::string::npos ? url : url.substr(slash + 1);
+    }
+    constexpr size_t kThreadNameMax = 15;  // Linux keeps 15 characters and the NUL
+    std::string name = std::string(role) + ":" + source;
+    if (name.size() > kThreadNameMax) name.resize(kThreadNameMax);
+    os_thread_set_name(name.c_str());
+}
+
 void* ReadThreadProc(void* arg) {
     auto* ctx = static_cast<FFMpegContext*>(arg);
-    os_thread_set_name("camctl/read");
+    NameEngineThread(ctx, "rd");
     const bool network = IsNetworkSource(ctx->m_szUrl);
     ReaderState st;
     st.splitsKeys = SplitsKeyPictures(ctx);

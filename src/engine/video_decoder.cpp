@@ -330,13 +330,13 @@ private:
 }  // namespace
 
 void* VideoDecodeThreadBgr(void* arg) {
-    os_thread_set_name("camctl/dec-v");
+    NameEngineThread(static_cast<FFMpegContext*>(arg), "dv");
     VideoDecodeLoop(static_cast<FFMpegContext*>(arg), std::make_unique<BgrOutput>()).Run();
     return nullptr;
 }
 
 void* VideoDecodeThreadYuv(void* arg) {
-    os_thread_set_name("camctl/dec-v");
+    NameEngineThread(static_cast<FFMpegContext*>(arg), "dv");
     VideoDecodeLoop(static_cast<FFMpegContext*>(arg), std::make_unique<I420Output>()).Run();
     return nullptr;
 }
