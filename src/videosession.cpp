@@ -11,10 +11,6 @@
 namespace {
 
 constexpr uint32_t kFrameWaitMs = 1000;
-constexpr int kCondRounds = 25;
-
-// Display-timer rounds, 0..24, across all sessions.
-std::atomic<int> s_nCondRound{0};
 
 }  // namespace
 
@@ -47,13 +43,12 @@ int CVideoSession::DoAudioBuffer(unsigned short*, int, int) { return 0; }
 int CVideoSession::UpdateMotionAlarmRegion(char*) { return 0; }
 
 int CVideoSession::FrameWait(FFMpegContext* ctx) {
-    auto* self = static_cast<CVideoSession*>(static_cast<IFrameListener*>(ctx->m_pOwner));
+    auto* self = static_cast<CVideoSession*>(ctx->m_pOwner);
     if (!self || self->m_bFileSession) return 0;
     // At most one picture per release; a stalled host slows delivery to one
     // picture a second but never stops it.
-    os_mutex_lock(self->m_hSessionLock);
+    OsMutexLock lock(self->m_hSessionLock);
     os_cond_timedwait_ms(self->m_hFrameSignal, self->m_hSessionLock, kFrameWaitMs);
-    os_mutex_unlock(self->m_hSessionLock);
     return 0;
 }
 
@@ -72,7 +67,7 @@ int CVideoSession::VideoInit(void* owner, const char* url) {
     // reach it, and the threads never see the field change under them.
     m_pOwner = owner;
     OpenFailureInfo failure;
-    FFMpegContext* ctx = FFMpegContextCreateEx(static_cast<IFrameListener*>(this), url, m_bD3DDisplay,
+    FFMpegContext* ctx = FFMpegContextCreateEx(this, url, m_bD3DDisplay,
                                                &CVideoSession::FrameWait, m_nSmoothStream, options, &failure);
     SetOpenFailure(failure.reason, failure.text);
     if (!ctx) {
@@ -163,8 +158,6 @@ int CVideoSession::SendVideoCond() {
 
     os_cond_signal(m_hFrameSignal);
     m_nCondCount = 0;
-    int round = s_nCondRound.load(std::memory_order_relaxed) + 1;
-    s_nCondRound.store(round >= kCondRounds ? 0 : round, std::memory_order_relaxed);
     return 0;
 }
 

@@ -1,13 +1,16 @@
 // Media engine on real files: opening, decoding every codec into both
-// picture layouts, layout details, resolution changes, queue limits, seeking
-// and closing.
+// picture layouts, layout details, resolution changes, queue limits, seeking,
+// closing, and thread names that tell two sources apart.
 #include <gtest/gtest.h>
+
+#include <dirent.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "engine/engine.h"
 #include "support/engine_support.h"
@@ -255,6 +258,35 @@ TEST(EngineStreamTest, PlaybackSourceNeverSmooth) {
     ASSERT_NE(ctx, nullptr);
     EXPECT_EQ(ctx->m_bSmooth, 1);
     FFMpegContextDestroy(ctx);
+}
+
+// The names of this process's threads.
+std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    DIR* dir = opendir("/proc/self/task");
+    if (!dir) return names;
+    while (dirent* e = readdir(dir)) {
+        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string name;
+        if (std::getline(comm, name)) names.push_back(name);
+    }
+    closedir(dir);
+    return names;
+}
+
+TEST(EngineStreamTest, ThreadsNamedAfterTheirSource) {
+    const std::string clip = TwoColourClip();
+    OpenContext open(clip, false);
+    ASSERT_NE(open.ctx, nullptr);
+    const std::string base = clip.substr(clip.rfind('/') + 1);
+    const std::string want = ("dv:" + base).substr(0, 15);
+    EXPECT_TRUE(PictureLog::WaitUntil(
+        [&] {
+            auto names = ThreadNames();
+            return std::find(names.begin(), names.end(), want) != names.end();
+        },
+        10000))
+        << want;
 }
 
 TEST(EnginePacingTest, SyncVideoToAudio_SleepsUntilDueOnTheAudioClock) {

@@ -175,49 +175,6 @@ TEST_F(PacketQueueTest, Concurrent_ProducerConsumer) {
     EXPECT_EQ(os_list_count(ctx_->m_pAudioPktList), 4);
 }
 
-TEST(PacketFragment, JoinsPayloadsAndTakesLastTimestamps) {
-    camctl::PacketPtr acc = camctl::MakePacket();
-    camctl::PacketPtr first = MakeSourcePacket(10, 0, 5, 2);
-    camctl::PacketPtr second = MakeSourcePacket(8, 50, 6, 3);
-    second->flags = 0;
-
-    EXPECT_EQ(AppendPacketFragment(acc.get(), first.get(), 4), 1);  // fresh copy of bytes 4..9
-    EXPECT_EQ(acc->size, 6);
-    EXPECT_EQ(acc->data[0], 4);
-    EXPECT_EQ(acc->pts, 5);
-    EXPECT_EQ(acc->stream_index, 2);
-    first.reset();
-
-    EXPECT_EQ(AppendPacketFragment(acc.get(), second.get(), 0), 0);
-    ASSERT_EQ(acc->size, 14);
-    const uint8_t expect[14] = {4, 5, 6, 7, 8, 9, 50, 51, 52, 53, 54, 55, 56, 57};
-    EXPECT_EQ(memcmp(acc->data, expect, sizeof expect), 0);
-    EXPECT_EQ(acc->pts, 6);
-    EXPECT_EQ(acc->dts, 5);
-    EXPECT_EQ(acc->stream_index, 3);
-    EXPECT_EQ(acc->flags, 0);
-    EXPECT_EQ(acc->buf, nullptr);
-
-    EXPECT_EQ(AppendPacketFragment(acc.get(), second.get(), 9), -1);  // start past the end
-    EXPECT_EQ(AppendPacketFragment(acc.get(), second.get(), -1), -1);
-    EXPECT_EQ(acc->size, 14);
-
-    // Emptied, the accumulator starts over with a fresh copy.
-    acc->size = 0;
-    EXPECT_EQ(AppendPacketFragment(acc.get(), second.get(), 6), 1);
-    EXPECT_EQ(acc->size, 2);
-    EXPECT_EQ(acc->data[0], 56);
-    FreePacket(acc.release());
-
-    // A refcounted accumulator is turned into a private copy first.
-    camctl::PacketPtr refAcc = MakeSourcePacket(3, 20, 1);
-    camctl::PacketPtr tail = MakeSourcePacket(2, 30, 2);
-    EXPECT_EQ(AppendPacketFragment(refAcc.get(), tail.get(), 0), 0);
-    const uint8_t joined[5] = {20, 21, 22, 30, 31};
-    ASSERT_EQ(refAcc->size, 5);
-    EXPECT_EQ(memcmp(refAcc->data, joined, sizeof joined), 0);
-    FreePacket(refAcc.release());
-}
 
 TEST(CodecNumber, MapsPublicCodecs) {
     FFMpegContext* ctx = FFMpegContextAlloc();

@@ -24,7 +24,6 @@ constexpr int kDecodeBytes = 16000;     // in/out size given to one decode
 constexpr int kEmptyRoundsBeforeDrop = 300;
 // Longest wait for a packet once the audio clock is dropped.
 constexpr uint32_t kIdleWaitMs = 1000;
-constexpr int kDefaultSampleRate = 8000;
 
 constexpr int kCodecMulaw = AV_CODEC_ID_PCM_MULAW;
 constexpr int kCodecAlaw = AV_CODEC_ID_PCM_ALAW;
@@ -319,10 +318,10 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         if (codec) codec_ctx.reset(avcodec_alloc_context3(codec));
         if (codec_ctx) {
             int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
-            codec_ctx->sample_rate = rate > 0 ? rate : kDefaultSampleRate;
+            codec_ctx->sample_rate = rate > 0 ? rate : kNarrowbandRateHz;
             av_channel_layout_default(&codec_ctx->ch_layout, 1);
             if (codec_id == kCodecG726) {
-                codec_ctx->sample_rate = 8000;
+                codec_ctx->sample_rate = kNarrowbandRateHz;
                 codec_ctx->bits_per_coded_sample = 2;
             } else if (codec_id == kCodecG722) {
                 codec_ctx->sample_rate = 16000;
@@ -331,25 +330,27 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         }
         if (!codec_ctx || avcodec_open2(codec_ctx.get(), codec, nullptr) < 0) {
             // The recorder reads the audio decoder context under the record lock.
-            os_mutex_lock(ctx->m_hRecordLock);
-            ctx->m_pAudioCodecCtx.reset();
-            os_mutex_unlock(ctx->m_hRecordLock);
+            {
+                OsMutexLock record(ctx->m_hRecordLock);
+                ctx->m_pAudioCodecCtx.reset();
+            }
             ctx->m_nAudioIndex = -1;
             ctx->m_nAudioCodecId.store(0, std::memory_order_relaxed);
             return -1;
         }
     }
-    os_mutex_lock(ctx->m_hRecordLock);
-    ctx->m_pAudioCodecCtx = std::move(codec_ctx);
-    ctx->m_nAudioCodecId.store(codec_id, std::memory_order_relaxed);
-    os_mutex_unlock(ctx->m_hRecordLock);
+    {
+        OsMutexLock record(ctx->m_hRecordLock);
+        ctx->m_pAudioCodecCtx = std::move(codec_ctx);
+        ctx->m_nAudioCodecId.store(codec_id, std::memory_order_relaxed);
+    }
     return StartAudioThread(ctx);
 }
 
 void* AudioDecodeThreadProc(void* arg) {
     auto* ctx = static_cast<FFMpegContext*>(arg);
     ctx->m_bAudioRunning.store(1, std::memory_order_relaxed);
-    os_thread_set_name("camctl/dec-a");
+    NameEngineThread(ctx, "da");
 
     const int codec_id = ctx->m_nAudioCodecId.load(std::memory_order_relaxed);
     AVCodecContext* codec_ctx = ctx->m_pAudioCodecCtx.get();
@@ -364,13 +365,13 @@ void* AudioDecodeThreadProc(void* arg) {
     bool aac_uninitialised = true;
     if (codec_id == kCodecAac) {
         int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
-        if (!faad.Open(static_cast<unsigned long>(rate > 0 ? rate : kDefaultSampleRate))) {
+        if (!faad.Open(static_cast<unsigned long>(rate > 0 ? rate : kNarrowbandRateHz))) {
             os_print("======NeAACDecOpen==Failed===================\n");
             return nullptr;
         }
     }
 
-    int rate_in_use = kDefaultSampleRate;
+    int rate_in_use = kNarrowbandRateHz;
     int empty_rounds = 0;
     int last_bytes = 0;
     int last_rate = 0;
@@ -379,7 +380,7 @@ void* AudioDecodeThreadProc(void* arg) {
 
     while (KeepRunning(ctx)) {
         if (ctx->m_bPause.load(std::memory_order_relaxed)) {
-            os_sleep_ms(50);
+            os_sleep_ms(kPauseSleepMs);
             continue;
         }
         const uint64_t seen = ctx->m_AudioArrivals.Count();
@@ -439,7 +440,8 @@ void* AudioDecodeThreadProc(void* arg) {
         }
         if (bytes <= 0 || rate_in_use <= 0) continue;
 
-        os_notify_audio(ctx, reinterpret_cast<unsigned short*>(samples), bytes / 2, rate_in_use);
+        if (ctx->m_pOwner)
+            ctx->m_pOwner->DoAudioBuffer(reinterpret_cast<unsigned short*>(samples), bytes / 2, rate_in_use);
         if (bytes != last_bytes || rate_in_use != last_rate) {
             last_bytes = bytes;
             last_rate = rate_in_use;

@@ -8,14 +8,28 @@
 #include "camctl/OpenFailure.h"
 #include "engine/ffmpeg_context.h"
 
+// Figures shared by the engine's units.
+// RTP and MPEG-TS timestamps tick at 90 kHz.
+constexpr int kPtsClockHz = 90000;
+// Narrow-band camera audio (G.711/G.726) and the rate assumed when a
+// source announces none.
+constexpr int kNarrowbandRateHz = 8000;
+// Samples per channel in one AAC frame.
+constexpr int kAacFrameSamples = 1024;
+// Recorded frame rates are kept in hundredths of a frame per second.
+constexpr int64_t kFreqScale = 100;
+// A paused thread polls its flag this often.
+constexpr uint32_t kPauseSleepMs = 50;
+// A decode thread with nothing to do (decoding off) looks again this soon.
+constexpr uint32_t kIdleSleepMs = 10;
+
 // One-time engine initialisation (library-wide mutexes, network init) and
 // its counterpart.
 int EngineGlobalInit();
-void EngineGlobalUninit();
 
 // Opens a source ("rtsp://", "http://" private frames, file) and starts the
 // reader, video and audio threads. Null on failure.
-FFMpegContext* FFMpegContextCreate(void* owner, const char* url, int yuvOutput,
+FFMpegContext* FFMpegContextCreate(IFrameListener* owner, const char* url, int yuvOutput,
                                    FrameWaitFn frameWait, int smooth);
 int FFMpegContextDestroy(FFMpegContext* ctx);
 
@@ -32,7 +46,7 @@ struct OpenFailureInfo {
 };
 // As FFMpegContextCreate; failure (when given) receives why the open
 // failed, or CAMCTL_OPEN_OK and "" when it succeeded.
-FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput,
+FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int yuvOutput,
                                      FrameWaitFn frameWait, int smooth, const ContextOptions& options,
                                      OpenFailureInfo* failure = nullptr);
 
@@ -64,6 +78,10 @@ private:
 int IoInterruptCallback(void* ctx);
 // True for sources reached over the network ("scheme://...").
 bool IsNetworkSource(const char* url);
+// Names the calling thread "<role>:<source>" (the camera's host, or the
+// file's name), cut to the 15 characters Linux keeps, so the threads of two
+// cameras can be told apart in top -H and a debugger.
+void NameEngineThread(const FFMpegContext* ctx, const char* role);
 
 // Reader thread and pacing.
 void* ReadThreadProc(void* ctx);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "camctl/FrameListener.h"
 #include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
 #include "engine/h265/ihw265d_handle.h"
@@ -20,7 +21,9 @@ struct FFMpegContext;
 typedef int (*FrameWaitFn)(FFMpegContext* ctx);
 
 struct FFMpegContext {
-    void* m_pOwner = nullptr;  // session (an IFrameListener) that created the context
+    // Receives the decoded pictures, audio and motion regions: the session
+    // that created the context (the only way from the engine to its host).
+    IFrameListener* m_pOwner = nullptr;
 
     camctl::InputFormatPtr m_pFormatCtx;   // demuxer (file and RTSP sources)
     camctl::AvioPtr m_pHttpIo;             // connection of a private HTTP source
@@ -120,7 +123,6 @@ int GetAVPktListElmCount(FFMpegContext* ctx);
 void WakePacketWaiters(FFMpegContext* ctx);
 void FlushVideoPackets(FFMpegContext* ctx);
 void FlushAudioPackets(FFMpegContext* ctx);
-int AppendPacketFragment(AVPacket* acc, const AVPacket* pkt, int start);
 void FreePacket(AVPacket* pkt);
 int GetVideoCodecNumber(FFMpegContext* ctx);
 

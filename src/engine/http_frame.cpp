@@ -67,7 +67,7 @@ void LogEndSearch(const char* what, const HttpFrameState* state, const uint8_t* 
 void HandleMotionRegion(FFMpegContext* ctx, const std::vector<uint8_t>& payload) {
     char text[HTTP_MOTION_TEXT_LEN + 1];
     if (!HttpMotionRegionText(payload.data(), static_cast<uint32_t>(payload.size()), text)) return;
-    if (ctx->m_pOwner) os_notify_event(ctx, text);
+    if (ctx->m_pOwner) ctx->m_pOwner->UpdateMotionAlarmRegion(text);
 }
 
 // Applies an audio frame's header to the context and raises the reader's

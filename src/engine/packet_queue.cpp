@@ -35,52 +35,32 @@ void FreePacketValue(void* value) { FreePacket(static_cast<AVPacket*>(value)); }
 void Push(os_mutex* lock, os_list* list, const AVPacket* pkt) {
     AVPacket* copy = CopyPacket(pkt);  // copied before the lock is taken
     if (!copy) return;
-    int rc = -1;
-    if (os_mutex_lock(lock) == 0) {
+    int rc;
+    {
+        OsMutexLock guard(lock);
         rc = os_list_insert(list, copy, -1);
-        os_mutex_unlock(lock);
     }
     if (rc < 0) FreePacket(copy);
 }
 
 AVPacket* Pop(os_mutex* lock, os_list* list) {
-    if (os_mutex_lock(lock) != 0) return nullptr;
+    OsMutexLock guard(lock);
     AVPacket* pkt = nullptr;
     if (os_list_at_end(list, 0) == 0) {
         pkt = static_cast<AVPacket*>(os_list_get(list, 0));
         os_list_remove(list, 0);
     }
-    os_mutex_unlock(lock);
     return pkt;
 }
 
 void Flush(os_mutex* lock, os_list* list) {
-    if (os_mutex_lock(lock) != 0) return;
+    OsMutexLock guard(lock);
     os_list_iter it{};
     for (void* value = os_list_begin(list, &it); value;) {
         AVPacket* pkt = static_cast<AVPacket*>(value);
         value = os_list_erase(&it);
         FreePacket(pkt);
     }
-    os_mutex_unlock(lock);
-}
-
-// Makes acc's payload a private block (no buffer reference) of at least
-// `capacity` bytes plus slack, keeping its first `keep` bytes.
-bool ReservePrivate(AVPacket* acc, int keep, int capacity) {
-    size_t bytes = static_cast<size_t>(capacity) + kPacketSlack;
-    if (acc->buf) {
-        auto* data = static_cast<uint8_t*>(av_malloc(bytes));
-        if (!data) return false;
-        if (keep > 0) memcpy(data, acc->data, static_cast<size_t>(keep));
-        av_buffer_unref(&acc->buf);
-        acc->data = data;
-        return true;
-    }
-    auto* data = static_cast<uint8_t*>(av_realloc(acc->data, bytes));
-    if (!data) return false;
-    acc->data = data;
-    return true;
 }
 
 }  // namespace
@@ -112,10 +92,9 @@ AVPacket* PopAudioPacket(FFMpegContext* ctx) {
 }
 
 int GetAVPktListElmCount(FFMpegContext* ctx) {
-    if (!ctx || os_mutex_lock(ctx->m_hVideoPktLock) != 0) return -1;
-    int count = os_list_count(ctx->m_pVideoPktList);
-    os_mutex_unlock(ctx->m_hVideoPktLock);
-    return count;
+    if (!ctx) return -1;
+    OsMutexLock guard(ctx->m_hVideoPktLock);
+    return os_list_count(ctx->m_pVideoPktList);
 }
 
 void FlushVideoPackets(FFMpegContext* ctx) {
@@ -124,30 +103,6 @@ void FlushVideoPackets(FFMpegContext* ctx) {
 
 void FlushAudioPackets(FFMpegContext* ctx) {
     if (ctx) Flush(ctx->m_hAudioPktLock, ctx->m_pAudioPktList);
-}
-
-int AppendPacketFragment(AVPacket* acc, const AVPacket* pkt, int start) {
-    if (!acc || !pkt || start < 0 || start > pkt->size) return -1;
-    int add = pkt->size - start;
-    const uint8_t* src = pkt->data ? pkt->data + start : nullptr;
-    int result;
-    if (acc->size <= 0 || !acc->data) {
-        if (!ReservePrivate(acc, 0, add)) return -1;
-        if (add > 0) memcpy(acc->data, src, static_cast<size_t>(add));
-        acc->size = add;
-        result = 1;
-    } else {
-        if (!ReservePrivate(acc, acc->size, acc->size + add)) return -1;
-        if (add > 0) memcpy(acc->data + acc->size, src, static_cast<size_t>(add));
-        acc->size += add;
-        result = 0;
-    }
-    memset(acc->data + acc->size, 0, kPacketSlack);
-    acc->pts = pkt->pts;
-    acc->dts = pkt->dts;
-    acc->stream_index = pkt->stream_index;
-    acc->flags = pkt->flags;
-    return result;
 }
 
 void FreePacket(AVPacket* pkt) {

@@ -9,17 +9,22 @@
 // waits for the next key frame.
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "engine/engine.h"
 #include "engine/http_frame.h"
 
 namespace {
 
-constexpr uint32_t kPauseSleepMs = 50;
 constexpr uint32_t kThrottleSleepMs = 20;
 constexpr int kThrottleQueue = 10;
 constexpr int kOverflowQueue = 100;
-constexpr uint32_t kRatePeriodMs = 3000;
+// The network figures are averaged over this many seconds.
+constexpr uint32_t kRatePeriodSec = 3;
+constexpr uint32_t kRatePeriodMs = kRatePeriodSec * 1000;
+// Smooth pacing counts in display ticks of 40 ms (one picture at 25 fps),
+// rounded to the nearest tick.
+constexpr uint32_t kSmoothTickMs = 40;
 constexpr int kSmoothSamplePackets = 20;
 constexpr int kProbeFollowers = 25;  // about a second of video
 
@@ -54,7 +59,7 @@ void UpdateBitRate(FFMpegContext* ctx, ReaderState& st, const AVPacket* pkt) {
     uint64_t ms = now - st.rateStart;
     if (ms >= kRatePeriodMs) {
         st.rateStart = now;
-        ctx->m_nNetFrameRate = st.periodQueued / 3;
+        ctx->m_nNetFrameRate = st.periodQueued / int(kRatePeriodSec);
         ctx->m_fNetRate = float(double(st.periodBytes) * 8.0 / double(ms));
         st.periodQueued = 0;
         st.periodBytes = 0;
@@ -67,7 +72,7 @@ void CountVideoPacket(FFMpegContext* ctx, ReaderState& st, const AVPacket* pkt) 
     if (ctx->m_bSmooth) {
         if (st.smoothCount++ == 0) st.smoothStart = now;
         if (st.smoothCount == kSmoothSamplePackets) {
-            ctx->m_nHalfFrameInterval = int32_t(uint32_t(now - st.smoothStart + 20) / 40);
+            ctx->m_nHalfFrameInterval = int32_t(uint32_t(now - st.smoothStart + kSmoothTickMs / 2) / kSmoothTickMs);
             st.smoothCount = 0;
             st.smoothStart = now;
         }
@@ -190,9 +195,31 @@ void Enqueue(FFMpegContext* ctx, ReaderState& st, AVPacket* pkt) {
 
 }  // namespace
 
+void NameEngineThread(const FFMpegContext* ctx, const char* role) {
+    const std::string url = ctx->m_szUrl;
+    std::string source;
+    const size_t scheme = url.find("://");
+    if (scheme != std::string::npos) {
+        size_t start = scheme + 3;
+        const size_t end = url.find_first_of("/?", start);
+        const size_t at = url.rfind('@', end);  // credentials never reach the name
+        if (at != std::string::npos && at >= start) start = at + 1;
+        source = url.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        const size_t port = source.rfind(':');
+        if (port != std::string::npos && source.find(']') == std::string::npos) source.resize(port);
+    } else {
+        const size_t slash = url.rfind('/');
+        source = slash == std::string::npos ? url : url.substr(slash + 1);
+    }
+    constexpr size_t kThreadNameMax = 15;  // Linux keeps 15 characters and the NUL
+    std::string name = std::string(role) + ":" + source;
+    if (name.size() > kThreadNameMax) name.resize(kThreadNameMax);
+    os_thread_set_name(name.c_str());
+}
+
 void* ReadThreadProc(void* arg) {
     auto* ctx = static_cast<FFMpegContext*>(arg);
-    os_thread_set_name("camctl/read");
+    NameEngineThread(ctx, "rd");
     const bool network = IsNetworkSource(ctx->m_szUrl);
     ReaderState st;
     st.splitsKeys = SplitsKeyPictures(ctx);
@@ -274,7 +301,7 @@ int SyncVideoToAudio(FFMpegContext* ctx, int64_t pts) {
         if (ctx->m_bHttpSource) {
             due = refTick - refPts + uint32_t(pts);  // millisecond timestamps
         } else {
-            const uint32_t t = uint32_t(pts * 1000 / 90000);  // 90 kHz timestamps
+            const uint32_t t = uint32_t(pts * 1000 / kPtsClockHz);
             if (clock.videoOffset == 0) clock.videoOffset = uint32_t(refTick - refPts - now + t);
             due = refTick - refPts - uint32_t(clock.videoOffset) + t;
         }

@@ -28,7 +28,6 @@ std::mutex g_recorder_lock;
 
 constexpr AVRational kRecordTimeBase{100, 2499};
 constexpr int64_t kVideoBitRate = 4000000;
-constexpr int kDefaultAudioRate = 8000;
 constexpr int64_t kDefaultVideoFreq = 24;
 constexpr int64_t kFallbackVideoFreq = 3000;
 constexpr int64_t kMaxVideoFreq = 300000;
@@ -38,16 +37,6 @@ constexpr int64_t kMaxVideoFreq = 300000;
 constexpr size_t kAviPatchBytes = 136;
 constexpr size_t kAviRateOffset = 132;
 
-class RecordLockGuard {
-public:
-    explicit RecordLockGuard(os_mutex* m) : m_(m) { os_mutex_lock(m_); }
-    ~RecordLockGuard() { os_mutex_unlock(m_); }
-    RecordLockGuard(const RecordLockGuard&) = delete;
-    RecordLockGuard& operator=(const RecordLockGuard&) = delete;
-
-private:
-    os_mutex* m_;
-};
 
 // A full disk or a file size limit must end the recording, not the
 // process: writes then fail with an error instead of raising SIGXFSZ, and a
@@ -146,7 +135,7 @@ int AddVideoStream(FFMpegContext* ctx, AVFormatContext* oc) {
         int ret = avcodec_parameters_from_context(bsf->par_in, video);
         if (ret < 0) return ret;
         // Only the NAL framing changes; the filter passes time stamps through.
-        bsf->time_base_in = AVRational{1, 90000};
+        bsf->time_base_in = AVRational{1, kPtsClockHz};
         if ((ret = av_bsf_init(bsf.get())) < 0) return ret;
         if ((ret = CopyExtradata(par, bsf->par_out->extradata, bsf->par_out->extradata_size)) < 0) return ret;
         ctx->m_pRecordBsf = std::move(bsf);
@@ -175,10 +164,10 @@ void AddAudioStream(FFMpegContext* ctx, AVFormatContext* oc) {
         case AV_CODEC_ID_AAC:
             rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
             if (rate <= 0 && audio) rate = audio->sample_rate;
-            par->frame_size = 1024;
+            par->frame_size = kAacFrameSamples;
             break;
         case AV_CODEC_ID_ADPCM_G726:
-            rate = 8000;
+            rate = kNarrowbandRateHz;
             par->frame_size = 4;
             par->bits_per_coded_sample = 2;
             break;
@@ -191,7 +180,7 @@ void AddAudioStream(FFMpegContext* ctx, AVFormatContext* oc) {
             if (audio) rate = audio->sample_rate;
             break;
     }
-    if (rate <= 0) rate = kDefaultAudioRate;
+    if (rate <= 0) rate = kNarrowbandRateHz;
     par->sample_rate = rate;
     switch (codec_id) {
         case AV_CODEC_ID_ADPCM_G726:
@@ -293,12 +282,12 @@ int64_t ComputeVideoFreq(FFMpegContext* ctx) {
     const uint64_t start = ctx->nSaveTickCount.load(std::memory_order_relaxed);
     if (static_cast<int64_t>(os_tick_count64() - start) > 0) {
         int64_t elapsed = static_cast<int64_t>(os_tick_count64() - start);
-        freq = static_cast<int64_t>(frames) * 100000 / elapsed;
+        freq = static_cast<int64_t>(frames) * kFreqScale * 1000 / elapsed;
     }
     // With 8 kHz audio the sample count is the better clock.
     const AVCodecContext* audio = ctx->m_pAudioCodecCtx.get();
-    if (ctx->m_nRecordAudioPts > 0 && audio && audio->sample_rate == 8000)
-        freq = static_cast<int64_t>(frames * 800000 / ctx->m_nRecordAudioPts);
+    if (ctx->m_nRecordAudioPts > 0 && audio && audio->sample_rate == kNarrowbandRateHz)
+        freq = static_cast<int64_t>(frames * kFreqScale * kNarrowbandRateHz / ctx->m_nRecordAudioPts);
     if (freq <= 0 || freq > kMaxVideoFreq) {
         os_print("nVideoFreq:%d  nVideoFreq error===============", static_cast<int>(freq));
         freq = kFallbackVideoFreq;
@@ -328,7 +317,7 @@ void PatchAviRate(const char* path, int64_t freq) {
 int RecordStart(FFMpegContext* ctx, const char* path) {
     if (!ctx || !path || ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
     std::lock_guard<std::mutex> recorder(g_recorder_lock);
-    RecordLockGuard record(ctx->m_hRecordLock);
+    OsMutexLock record(ctx->m_hRecordLock);
     if (ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
 
     ctx->m_nRecordFrames = 0;
@@ -378,7 +367,7 @@ int RecordStart(FFMpegContext* ctx, const char* path) {
 int RecordStop(FFMpegContext* ctx) {
     if (!ctx || !ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
     std::lock_guard<std::mutex> recorder(g_recorder_lock);
-    RecordLockGuard record(ctx->m_hRecordLock);
+    OsMutexLock record(ctx->m_hRecordLock);
     if (!ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
     ctx->m_bRecording.store(0, std::memory_order_relaxed);
 
@@ -390,7 +379,7 @@ int RecordStop(FFMpegContext* ctx) {
 
 void RecordWritePacket(FFMpegContext* ctx, AVPacket* pkt) {
     if (!ctx || !pkt) return;
-    RecordLockGuard record(ctx->m_hRecordLock);
+    OsMutexLock record(ctx->m_hRecordLock);
     if (!ctx->m_bRecording.load(std::memory_order_relaxed) || !ctx->m_pRecordFmtCtx) return;
 
     const bool video = pkt->stream_index == ctx->m_nVideoIndex;

@@ -26,12 +26,8 @@ extern "C" {
 
 namespace {
 
-// Library-wide mutexes made by the one-time initialisation. FFmpeg 5 keeps
-// its own locks, so neither guards a lock-manager any more; g_avLock
-// serialises the network initialisation and stays available to engine units
-// that need a process-wide FFmpeg lock.
-os_mutex* g_avLock = nullptr;
-os_mutex* g_engineLock = nullptr;
+// The network initialisation runs once per process (FFmpeg keeps its own
+// locks, so no lock-manager is installed).
 std::once_flag g_initOnce;
 
 constexpr int kCodecMpeg4 = AV_CODEC_ID_MPEG4;
@@ -225,7 +221,7 @@ void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStre
     if (dec->id == AV_CODEC_ID_ADPCM_G726) {
         const int bits = st->codecpar->bits_per_coded_sample;
         ac->bits_per_coded_sample = rtsp && bits >= 2 && bits <= 5 ? bits : 2;
-        ac->sample_rate = 8000;
+        ac->sample_rate = kNarrowbandRateHz;
     } else if (dec->id == AV_CODEC_ID_ADPCM_G722) {
         ac->bits_per_coded_sample = 4;
         ac->sample_rate = 16000;
@@ -385,21 +381,8 @@ void JoinThread(os_thread*& t) {
 }  // namespace
 
 int EngineGlobalInit() {
-    std::call_once(g_initOnce, [] {
-        g_avLock = os_mutex_create();
-        os_mutex_lock(g_avLock);
-        avformat_network_init();
-        os_mutex_unlock(g_avLock);
-        g_engineLock = os_mutex_create();
-    });
+    std::call_once(g_initOnce, [] { avformat_network_init(); });
     return 0;
-}
-
-void EngineGlobalUninit() {
-    if (g_avLock) os_mutex_destroy(g_avLock);
-    if (g_engineLock) os_mutex_destroy(g_engineLock);
-    g_avLock = nullptr;
-    g_engineLock = nullptr;
 }
 
 bool IsNetworkSource(const char* url) { return Contains(url, "://"); }
@@ -420,12 +403,12 @@ int IoInterruptCallback(void* opaque) {
     return 1;
 }
 
-FFMpegContext* FFMpegContextCreate(void* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
+FFMpegContext* FFMpegContextCreate(IFrameListener* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
                                    int smooth) {
     return FFMpegContextCreateEx(owner, url, yuvOutput, frameWait, smooth, ContextOptions{});
 }
 
-FFMpegContext* FFMpegContextCreateEx(void* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
+FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
                                      int smooth, const ContextOptions& options, OpenFailureInfo* failure) {
     if (failure) *failure = OpenFailureInfo{};
     if (!url) {

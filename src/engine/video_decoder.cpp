@@ -24,16 +24,10 @@ extern "C" {
 
 namespace {
 
-constexpr uint32_t kPauseSleepMs = 50;
-constexpr uint32_t kIdleSleepMs = 10;
 // Longest wait for a packet when none can come soon (decoding off).
 constexpr uint32_t kIdleWaitMs = 1000;
 constexpr int kStartWidth = 320;
 constexpr int kStartHeight = 240;
-
-// Packets of suspicious size (negative, or exactly 1024 bytes) seen by any
-// decode thread; kept for diagnosis only.
-std::atomic<int> g_suspectPackets{0};
 
 struct QueuedPacketFreer {
     void operator()(AVPacket* p) const { FreePacket(p); }
@@ -221,7 +215,6 @@ private:
         const bool isVideo = pkt->stream_index == ctx_->m_nVideoIndex;
         const bool key = isVideo && (pkt->flags & AV_PKT_FLAG_KEY);
         if (isVideo) ctx_->m_nLastVideoPts = pkt->dts != AV_NOPTS_VALUE ? pkt->dts : pkt->pts;
-        if (pkt->size < 0 || pkt->size == 1024) g_suspectPackets.fetch_add(1, std::memory_order_relaxed);
 
         if (key) {
             if (ctx_->m_nVideoCodecId == AV_CODEC_ID_HEVC && choice_ == DecoderChoice::kUndecided) {
@@ -313,7 +306,7 @@ private:
             return;
         }
         if (ctx_->m_bDecode) {
-            if (auto* owner = static_cast<IFrameListener*>(ctx_->m_pOwner))
+            if (IFrameListener* owner = ctx_->m_pOwner)
                 owner->DoVideoBuffer(out_->Data(), width_, height_);
         }
         ++frameNumber_;
@@ -337,13 +330,13 @@ private:
 }  // namespace
 
 void* VideoDecodeThreadBgr(void* arg) {
-    os_thread_set_name("camctl/dec-v");
+    NameEngineThread(static_cast<FFMpegContext*>(arg), "dv");
     VideoDecodeLoop(static_cast<FFMpegContext*>(arg), std::make_unique<BgrOutput>()).Run();
     return nullptr;
 }
 
 void* VideoDecodeThreadYuv(void* arg) {
-    os_thread_set_name("camctl/dec-v");
+    NameEngineThread(static_cast<FFMpegContext*>(arg), "dv");
     VideoDecodeLoop(static_cast<FFMpegContext*>(arg), std::make_unique<I420Output>()).Run();
     return nullptr;
 }

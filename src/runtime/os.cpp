@@ -57,35 +57,6 @@ void MaskUrlCredentials(const char* url, char* out, int out_len) {
     os_strlcpy(out, s.c_str(), out_len);
 }
 
-// ---- frame-listener forwarders --------------------------------------------
-
-namespace {
-IFrameListener* ListenerOf(void* holder) {
-    return holder ? *static_cast<IFrameListener**>(holder) : nullptr;
-}
-}  // namespace
-
-int os_notify_video(void* holder, unsigned char* buf, int width, int height) {
-    IFrameListener* listener = ListenerOf(holder);
-    if (!listener) return -1;
-    listener->DoVideoBuffer(buf, width, height);
-    return 0;
-}
-
-int os_notify_audio(void* holder, unsigned short* buf, int a, int b) {
-    IFrameListener* listener = ListenerOf(holder);
-    if (!listener) return -1;
-    listener->DoAudioBuffer(buf, a, b);
-    return 0;
-}
-
-int os_notify_event(void* holder, char* region) {
-    IFrameListener* listener = ListenerOf(holder);
-    if (!listener) return -1;
-    listener->UpdateMotionAlarmRegion(region);
-    return 0;
-}
-
 // ---- debug print -----------------------------------------------------------
 
 void os_print(const char* fmt, ...) {

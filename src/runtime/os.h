@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <memory>
 
-#include "camctl/FrameListener.h"
 
 extern "C++" {
 
@@ -88,11 +87,6 @@ void os_list_destroy(os_list* list, void (*fn)(void*));
 void* os_list_begin(os_list* list, os_list_iter* it);
 void* os_list_next(os_list_iter* it);
 void* os_list_erase(os_list_iter* it);
-
-// Frame-listener forwarders: holder's first field points at the listener.
-int os_notify_video(void* holder, unsigned char* buf, int width, int height);
-int os_notify_audio(void* holder, unsigned short* buf, int a, int b);
-int os_notify_event(void* holder, char* region);
 
 // "PRINT <time>  <message>=====...\n" to stderr; writes no file.
 void os_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
