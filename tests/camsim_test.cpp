@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "camsim/av_owners.h"
@@ -101,8 +102,7 @@ Frames OfType(const Frames& frames, uint32_t type) {
 camsim::Options Generated(int w = 320, int h = 240) {
     camsim::Options o;
     o.speed = 0;  // as fast as the test reads
-    o.pattern.width = w;
-    o.pattern.height = h;
+    o.pattern.width = w, o.pattern.height = h;
     return o;
 }
 
@@ -142,10 +142,7 @@ void CheckVideo(const Frames& all, AVCodecID id, uint32_t codec, uint32_t width,
     for (size_t i = 0; i < frames.size(); ++i) {
         const HttpFrameHeader& h = frames[i].h;
         EXPECT_EQ(HttpFrameVideoCodecId(h.codec), id) << i;
-        EXPECT_EQ(h.codec, codec) << i;
-        EXPECT_EQ(h.width, width) << i;
-        EXPECT_EQ(h.height, height) << i;
-        EXPECT_EQ(h.timestamp, i * 40) << i;
+        EXPECT_EQ(std::make_tuple(h.codec, h.width, h.height, h.timestamp), std::make_tuple(codec, width, height, uint64_t(i * 40))) << i;
         EXPECT_EQ(h.frame_kind == 0, id == AV_CODEC_ID_MJPEG || i % 25 == 0) << "key frames once a second, frame " << i;
         const AVFrame* pic = dec.Decode(frames[i].payload);
         ASSERT_NE(pic, nullptr) << "frame " << i;
@@ -295,9 +292,7 @@ TEST(CamsimWireExtras, JunkFirstAndFileWithoutLoop) {
     EXPECT_EQ(FindFrameMarker(junk.data(), uint32_t(junk.size())), nullptr);
 
     camsim::Options file;
-    file.file = H264Clip();
-    file.speed = 0;
-    file.loop = false;
+    file.file = H264Clip(), file.speed = 0, file.loop = false;
     EXPECT_EQ(Serve(file, 60).size(), 25u);
     file.file = "/nonexistent/missing.mp4";
     camsim::Server missing(file);
@@ -311,12 +306,8 @@ TEST(CamsimWireExtras, JunkFirstAndFileWithoutLoop) {
 
 TEST(CamsimPattern, ResizeSceneSwitchClockAndSquare) {
     camsim::PatternOptions o;
-    o.width = 320;
-    o.height = 240;
-    o.scene_switch_every = 10;
-    o.resize_after = 15;
-    o.resize_width = 160;
-    o.resize_height = 128;
+    o.width = 320, o.height = 240, o.scene_switch_every = 10;
+    o.resize_after = 15, o.resize_width = 160, o.resize_height = 128;
     camsim::PatternSource source(o);
     std::string error;
     ASSERT_TRUE(source.Open(&error)) << error;
@@ -353,8 +344,7 @@ TEST(CamsimPattern, ResizeSceneSwitchClockAndSquare) {
         return n;
     };
     camsim::PatternOptions p;
-    p.width = 320;
-    p.height = 240;
+    p.width = 320, p.height = 240;
     EXPECT_GT(changed(p), 100);  // square and clock move
     p.moving_object = false;
     EXPECT_GT(changed(p), 0);  // the clock still runs
