@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -17,6 +15,7 @@
 #include "camsim/av_owners.h"
 #include "camsim/pattern.h"
 #include "engine/http_frame.h"
+#include "support/cli_support.h"
 #include "support/engine_support.h"
 #include "support/fixtures.h"
 
@@ -393,29 +392,20 @@ TEST(CamsimServer, PacesServesSeveralStopsAndRestarts) {
 }
 
 TEST(CamsimProgram, ServesOnTheGivenPortUntilTerminated) {
-    const std::string exe = std::string(CAMCTL_BINARY_DIR) + "/tools/camsim";
     const std::string port = std::to_string(camctl_test::FreeLoopbackPort());
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        execl(exe.c_str(), "camsim", "--port", port.c_str(), "--size", "160x120", "--codec", "mjpeg", "--motion-every",
-              "2", "--speed", "0", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    camctl_test::ChildProcess sim({std::string(CAMCTL_BINARY_DIR) + "/tools/camsim", "--port", port, "--size", "160x120",
+                                   "--codec", "mjpeg", "--motion-every", "2", "--speed", "0"}, {});
     WireReader r;
-    const bool open = camctl_test::PictureLog::WaitUntil([&] { return r.Open("http://127.0.0.1:" + port + "/cam"); }, 20000);
-    if (!open) kill(pid, SIGKILL);
-    ASSERT_TRUE(open);
+    ASSERT_TRUE(camctl_test::PictureLog::WaitUntil([&] { return r.Open("http://127.0.0.1:" + port + "/cam"); }, 20000));
     const Frames frames = r.Take(6);
     ASSERT_EQ(frames.size(), 6u);
     EXPECT_EQ(frames[0].h.codec, 2u);
     EXPECT_EQ(frames[0].h.width, 160u);
     EXPECT_EQ(OfType(frames, HTTP_STREAM_MOTION).size(), 2u);
     r.Close();
-    kill(pid, SIGTERM);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    sim.Signal(SIGTERM);
+    const camctl_test::ChildResult end = sim.Wait(30);
+    EXPECT_EQ(end.code, 0) << end.err;
 }
 
 }  // namespace
