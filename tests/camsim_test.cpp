@@ -3,19 +3,19 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "camsim/av_owners.h"
 #include "camsim/pattern.h"
 #include "engine/http_frame.h"
+#include "support/cli_support.h"
 #include "support/engine_support.h"
 #include "support/fixtures.h"
 
@@ -101,8 +101,7 @@ Frames OfType(const Frames& frames, uint32_t type) {
 camsim::Options Generated(int w = 320, int h = 240) {
     camsim::Options o;
     o.speed = 0;  // as fast as the test reads
-    o.pattern.width = w;
-    o.pattern.height = h;
+    o.pattern.width = w, o.pattern.height = h;
     return o;
 }
 
@@ -142,10 +141,7 @@ void CheckVideo(const Frames& all, AVCodecID id, uint32_t codec, uint32_t width,
     for (size_t i = 0; i < frames.size(); ++i) {
         const HttpFrameHeader& h = frames[i].h;
         EXPECT_EQ(HttpFrameVideoCodecId(h.codec), id) << i;
-        EXPECT_EQ(h.codec, codec) << i;
-        EXPECT_EQ(h.width, width) << i;
-        EXPECT_EQ(h.height, height) << i;
-        EXPECT_EQ(h.timestamp, i * 40) << i;
+        EXPECT_EQ(std::make_tuple(h.codec, h.width, h.height, h.timestamp), std::make_tuple(codec, width, height, uint64_t(i * 40))) << i;
         EXPECT_EQ(h.frame_kind == 0, id == AV_CODEC_ID_MJPEG || i % 25 == 0) << "key frames once a second, frame " << i;
         const AVFrame* pic = dec.Decode(frames[i].payload);
         ASSERT_NE(pic, nullptr) << "frame " << i;
@@ -295,9 +291,7 @@ TEST(CamsimWireExtras, JunkFirstAndFileWithoutLoop) {
     EXPECT_EQ(FindFrameMarker(junk.data(), uint32_t(junk.size())), nullptr);
 
     camsim::Options file;
-    file.file = H264Clip();
-    file.speed = 0;
-    file.loop = false;
+    file.file = H264Clip(), file.speed = 0, file.loop = false;
     EXPECT_EQ(Serve(file, 60).size(), 25u);
     file.file = "/nonexistent/missing.mp4";
     camsim::Server missing(file);
@@ -311,12 +305,8 @@ TEST(CamsimWireExtras, JunkFirstAndFileWithoutLoop) {
 
 TEST(CamsimPattern, ResizeSceneSwitchClockAndSquare) {
     camsim::PatternOptions o;
-    o.width = 320;
-    o.height = 240;
-    o.scene_switch_every = 10;
-    o.resize_after = 15;
-    o.resize_width = 160;
-    o.resize_height = 128;
+    o.width = 320, o.height = 240, o.scene_switch_every = 10;
+    o.resize_after = 15, o.resize_width = 160, o.resize_height = 128;
     camsim::PatternSource source(o);
     std::string error;
     ASSERT_TRUE(source.Open(&error)) << error;
@@ -353,8 +343,7 @@ TEST(CamsimPattern, ResizeSceneSwitchClockAndSquare) {
         return n;
     };
     camsim::PatternOptions p;
-    p.width = 320;
-    p.height = 240;
+    p.width = 320, p.height = 240;
     EXPECT_GT(changed(p), 100);  // square and clock move
     p.moving_object = false;
     EXPECT_GT(changed(p), 0);  // the clock still runs
@@ -403,29 +392,20 @@ TEST(CamsimServer, PacesServesSeveralStopsAndRestarts) {
 }
 
 TEST(CamsimProgram, ServesOnTheGivenPortUntilTerminated) {
-    const std::string exe = std::string(CAMCTL_BINARY_DIR) + "/tools/camsim";
     const std::string port = std::to_string(camctl_test::FreeLoopbackPort());
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        execl(exe.c_str(), "camsim", "--port", port.c_str(), "--size", "160x120", "--codec", "mjpeg", "--motion-every",
-              "2", "--speed", "0", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    camctl_test::ChildProcess sim({std::string(CAMCTL_BINARY_DIR) + "/tools/camsim", "--port", port, "--size", "160x120",
+                                   "--codec", "mjpeg", "--motion-every", "2", "--speed", "0"}, {});
     WireReader r;
-    const bool open = camctl_test::PictureLog::WaitUntil([&] { return r.Open("http://127.0.0.1:" + port + "/cam"); }, 20000);
-    if (!open) kill(pid, SIGKILL);
-    ASSERT_TRUE(open);
+    ASSERT_TRUE(camctl_test::PictureLog::WaitUntil([&] { return r.Open("http://127.0.0.1:" + port + "/cam"); }, 20000));
     const Frames frames = r.Take(6);
     ASSERT_EQ(frames.size(), 6u);
     EXPECT_EQ(frames[0].h.codec, 2u);
     EXPECT_EQ(frames[0].h.width, 160u);
     EXPECT_EQ(OfType(frames, HTTP_STREAM_MOTION).size(), 2u);
     r.Close();
-    kill(pid, SIGTERM);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    sim.Signal(SIGTERM);
+    const camctl_test::ChildResult end = sim.Wait(30);
+    EXPECT_EQ(end.code, 0) << end.err;
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <string>
@@ -43,9 +42,8 @@ struct Row {
     RtspServer::Auth auth = RtspServer::Auth::kNone;
 };
 
-// What the server says payloader pay<index> sent (see rtsp_server.py):
-// pictures (distinct RTP timestamps) and samples per channel (the RTP clock
-// span, plus one packet's share). Zero when it said nothing.
+// Pictures and samples per channel (the RTP clock span plus one packet's
+// share) that the server says pay<index> sent; untouched when it said nothing.
 void SentBy(const std::string& log, int index, long long* pictures, long long* samples) {
     const size_t at = log.find("sent pay" + std::to_string(index) + " ");
     long long packets = 0, stamps = 0, span = 0;
@@ -153,10 +151,6 @@ struct Host {
     }
 };
 
-bool WaitFor(const std::function<bool()>& pred, int seconds) {
-    return camctl_test::PictureLog::WaitUntil(pred, seconds * 1000);
-}
-
 class InteropTest : public ::testing::TestWithParam<Row> {};
 
 TEST_P(InteropTest, PlaysThroughACamera) {
@@ -182,10 +176,10 @@ TEST_P(InteropTest, PlaysThroughACamera) {
     ASSERT_EQ(cam->OpenMainStreamVideo(url.c_str()), 0) << server.Log();
     EXPECT_EQ(cam->GetMainVideoCodec(), row.codec);
     cam->SetDecodeEnable(true, true);
-    ASSERT_TRUE(WaitFor([&] { return host.Pictures() > 0; }, 20)) << server.Log();
+    ASSERT_TRUE(camctl_test::PictureLog::WaitUntil([&] { return host.Pictures() > 0; }, 20000)) << server.Log();
     cam->StartSaveAvi(1);
     const int streamSeconds = row.pictures / 25;
-    EXPECT_TRUE(WaitFor([&] { return cam->IsMainVideoFinish(); }, streamSeconds + 20)) << "the stream never ended";
+    EXPECT_TRUE(camctl_test::PictureLog::WaitUntil([&] { return cam->IsMainVideoFinish(); }, (streamSeconds + 20) * 1000)) << "the stream never ended";
     cam->StopSaveAvi(1);
     auto closing = std::async(std::launch::async, [&] { return mgr->DelIpCamera(7); });
     std::future_status closed = std::future_status::timeout;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -47,9 +48,7 @@ struct Source {
 
 camsim::Options Sim(camsim::VideoCodec codec, int width, int height) {
     camsim::Options o;
-    o.pattern.codec = codec;
-    o.pattern.width = width;
-    o.pattern.height = height;
+    o.pattern.codec = codec, o.pattern.width = width, o.pattern.height = height;
     return o;
 }
 
@@ -69,8 +68,7 @@ TEST_P(LiveCodecTest, BothLayoutsDeliverPicturesOfTheStreamSize) {
     Source src(c.launch ? c.launch() : "", Sim(c.sim, c.width, c.height));
     ASSERT_FALSE(src.url.empty());
     Session bgr, yuv;
-    bgr.log.KeepBytes(true);
-    yuv.log.KeepBytes(true);
+    for (Session* s : {&bgr, &yuv}) s->log.KeepBytes(true);
     ASSERT_EQ(bgr.Open(src.url, 0), 0);
     ASSERT_EQ(yuv.Open(src.url, 1), 0);
     EXPECT_EQ(bgr.GetVideoCodec(), c.codec);
@@ -117,15 +115,13 @@ TEST(LiveSession, DecodeSwitchAndRateFigures) {
     EXPECT_EQ(s.GetFramesCount(), 0);
     ASSERT_TRUE(PictureLog::WaitUntil([&] { return s.GetFramesCount() > 0; }, 20000));
     EXPECT_EQ(s.log.Count(), 0) << "pictures with decoding off";
-    EXPECT_GE(s.GetFramesCount(), 20);  // a 25 fps camera
-    EXPECT_LE(s.GetFramesCount(), 30);
+    EXPECT_TRUE(s.GetFramesCount() >= 20 && s.GetFramesCount() <= 30) << s.GetFramesCount();  // a 25 fps camera
     EXPECT_EQ(s.GetNetFrameRate(), 0) << "packets queued with decoding off";
     EXPECT_GT(s.GetNetRateInfo(), 1.0f);  // kbit/s
     ASSERT_EQ(s.SetDecodeEnbale(1), 0);
     EXPECT_TRUE(s.log.WaitForCount(5, 20000));
     EXPECT_TRUE(PictureLog::WaitUntil([&] { return s.GetNetFrameRate() > 0; }, 20000));
-    EXPECT_GE(s.GetNetFrameRate(), 15);  // queued video packets / 3
-    EXPECT_LE(s.GetNetFrameRate(), 30);
+    EXPECT_TRUE(s.GetNetFrameRate() >= 15 && s.GetNetFrameRate() <= 30) << s.GetNetFrameRate();  // queued packets / 3
     EXPECT_EQ(s.VideoFree(), 0);
 }
 
@@ -143,8 +139,8 @@ TEST(LiveSession, StalledHost_OverflowFlushesAndResumes) {
     ASSERT_EQ(s.Open(src.url, 0), 0);
     ASSERT_TRUE(s.log.WaitForCount(3, 20000));
     hold = true;
-    EXPECT_TRUE(PictureLog::WaitUntil(
-        [&] { return err.Text().find("GetAVPktListElmCount :101") != std::string::npos; }, 20000));
+    // The count is said when the full queue is flushed: past 100, by how much depends on the reader's timing.
+    EXPECT_TRUE(PictureLog::WaitUntil([&] { return std::regex_search(err.Text(), std::regex("GetAVPktListElmCount :10[1-9]")); }, 20000));
     const int before = s.log.Count();
     hold = false;
     EXPECT_TRUE(s.log.WaitForCount(before + 20, 20000));

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 
@@ -20,13 +21,8 @@ extern char** environ;
 
 namespace camctl_test {
 
-namespace {
-
 using Clock = std::chrono::steady_clock;
-
-double Since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
-}  // namespace
+static double Since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command, const Options& o) {
     std::vector<std::string> argv = o.prefix;
@@ -49,11 +45,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const Option
         int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int fi = open("/dev/null", O_RDONLY);
-        if (fo < 0 || fe < 0 || fi < 0) _exit(126);
-        dup2(fi, 0);
-        dup2(fo, 1);
-        dup2(fe, 2);
-        if (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0) _exit(126);
+        if (fo < 0 || fe < 0 || fi < 0 || dup2(fi, 0) < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0 ||
+            (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0))
+            _exit(126);
         execvpe(cargv[0], cargv.data(), cenv.data());
         _exit(127);
     }
@@ -69,9 +63,7 @@ ChildProcess::~ChildProcess() {
 std::string ChildProcess::Out() const { return ReadText(dir_ / "stdout"); }
 std::string ChildProcess::Err() const { return ReadText(dir_ / "stderr"); }
 
-void ChildProcess::Signal(int sig) {
-    if (pid_ > 0 && !done_) kill(pid_, sig);
-}
+void ChildProcess::Signal(int sig) { if (pid_ > 0 && !done_) kill(pid_, sig); }
 
 bool ChildProcess::Reap(bool block) {
     if (done_ || pid_ <= 0) return true;
@@ -137,9 +129,7 @@ SilentServer::~SilentServer() {
 
 std::string ReadText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::vector<std::string> Lines(const std::string& text) {

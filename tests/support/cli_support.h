@@ -1,6 +1,5 @@
-// Test support for the command-line tools: a child process with its stdout
-// and stderr captured in files, a server that accepts and never answers,
-// and checks of the files the tools write.
+// Child processes with captured output, a server that never answers, and
+// checks of the files the command-line tools write.
 #pragma once
 
 #include <sys/types.h>
@@ -39,8 +38,7 @@ public:
     std::string Out() const;
     std::string Err() const;
     void Signal(int sig);
-    // True once stdout or stderr contains text; false after `seconds` or
-    // when the child ended without printing it.
+    // True once stdout or stderr contains text; false after `seconds` or at its end.
     bool WaitForText(const std::string& text, double seconds);
     // Waits for the end; kills the child after `seconds` (code -1).
     ChildResult Wait(double seconds);
@@ -79,22 +77,17 @@ std::vector<std::string> Lines(const std::string& text);
 std::string Field(const std::string& text, const std::string& key);
 bool Contains(const std::string& text, const std::string& what);
 
-// The camctl tool of this build, with args.
-std::vector<std::string> Camctl(std::vector<std::string> args);
+std::vector<std::string> Camctl(std::vector<std::string> args);  // this build's camctl, with args
 ChildResult RunCamctl(const std::vector<std::string>& args, double seconds = 60);
-// PATH of camctl's "recorded: PATH (N bytes)" lines.
-std::vector<std::string> RecordedFiles(const std::string& out);
+std::vector<std::string> RecordedFiles(const std::string& out);  // of "recorded: PATH (N bytes)" lines
 
 // "codec,width,height,pix_fmt" of the first video stream or picture
 // ("h264,640,360,yuv420p"); "" when ffprobe fails.
 std::string ProbeVideo(const std::string& file);
-// Container duration in seconds; -1 when ffprobe fails.
-double ProbeDuration(const std::string& file);
-// Decodes the whole file; true when ffmpeg reports no error at all.
-bool Decodes(const std::string& file);
+double ProbeDuration(const std::string& file);  // seconds; -1 when ffprobe fails
+bool Decodes(const std::string& file);          // ffmpeg decodes it all without an error
 
-// A finished camera recording, "<name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi",
-// with the AVI index that is written with the trailer when the file is closed.
+// "<name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi" with the index the trailer writes.
 bool IsFinishedRecording(const std::string& path, int reason, int* seconds = nullptr);
 
 }  // namespace camctl_test

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <mutex>
@@ -49,11 +50,11 @@ struct FrameProxy::Impl {
     int port = 0;
     std::atomic<bool> running{false};
     std::atomic<bool> fault_injected{false};
-    std::atomic<int> connections{0};
+    int connections = 0;  // the acceptor's
     std::thread acceptor;
     std::mutex mu;
     std::vector<std::thread> workers;
-    std::vector<int> open_fds;  // every socket a worker uses, shut down by Stop
+    std::vector<int> open_fds;  // every socket a worker uses, shut down on destruction
     const size_t type_at = FieldOffset(&camsim::FrameHeader::stream_type);
     const size_t size_at = FieldOffset(&camsim::FrameHeader::size);
 
@@ -176,7 +177,7 @@ struct FrameProxy::Impl {
             if (poll(&p, 1, kPollMs) <= 0) continue;
             const int client = Track(accept(listen_fd, nullptr, nullptr));
             if (client < 0) continue;
-            const bool first = connections.fetch_add(1) == 0;
+            const bool first = connections++ == 0;
             std::lock_guard<std::mutex> lock(mu);
             workers.emplace_back([this, client, first] { Serve(client, first); });
         }
@@ -185,7 +186,19 @@ struct FrameProxy::Impl {
 
 FrameProxy::FrameProxy(const Options& options) : impl_(std::make_unique<Impl>()) { impl_->options = options; }
 
-FrameProxy::~FrameProxy() { Stop(); }
+FrameProxy::~FrameProxy() {
+    if (!impl_->running.exchange(false)) return;
+    impl_->acceptor.join();
+    std::vector<std::thread> workers;
+    {
+        std::lock_guard<std::mutex> lock(impl_->mu);
+        for (int fd : impl_->open_fds)
+            if (fd >= 0) shutdown(fd, SHUT_RDWR);
+        workers.swap(impl_->workers);
+    }
+    for (auto& t : workers) t.join();
+    close(impl_->listen_fd);
+}
 
 bool FrameProxy::Start() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -203,23 +216,7 @@ bool FrameProxy::Start() {
     return true;
 }
 
-void FrameProxy::Stop() {
-    if (!impl_->running.exchange(false)) return;
-    impl_->acceptor.join();
-    std::vector<std::thread> workers;
-    {
-        std::lock_guard<std::mutex> lock(impl_->mu);
-        for (int fd : impl_->open_fds)
-            if (fd >= 0) shutdown(fd, SHUT_RDWR);
-        workers.swap(impl_->workers);
-    }
-    for (auto& t : workers) t.join();
-    close(impl_->listen_fd);
-}
-
-int FrameProxy::Port() const { return impl_->port; }
 std::string FrameProxy::Url() const { return "http://127.0.0.1:" + std::to_string(impl_->port) + "/stream"; }
 bool FrameProxy::FaultInjected() const { return impl_->fault_injected; }
-int FrameProxy::Connections() const { return impl_->connections; }
 
 }  // namespace camctl_test

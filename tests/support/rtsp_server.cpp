@@ -58,12 +58,7 @@ RtspServer::RtspServer(const std::vector<Mount>& mounts, int port, bool udpOnly)
     if (pid < 0) return;
     pid_ = pid;  // sh execs the server: this is the server's own PID
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (std::chrono::steady_clock::now() < end) {
-        std::string text = ReadText(portFile);
-        if (!text.empty()) {
-            port_ = std::atoi(text.c_str());
-            break;
-        }
+    while (std::chrono::steady_clock::now() < end && (port_ = std::atoi(ReadText(portFile).c_str())) == 0) {
         if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
             pid_ = -1;
             break;
@@ -91,13 +86,8 @@ void RtspServer::Kill() {
     pid_ = -1;
 }
 
-void RtspServer::Freeze() {
-    if (pid_ > 0) kill(pid_, SIGSTOP);
-}
-
-void RtspServer::Thaw() {
-    if (pid_ > 0) kill(pid_, SIGCONT);
-}
+void RtspServer::Freeze() { if (pid_ > 0) kill(pid_, SIGSTOP); }
+void RtspServer::Thaw() { if (pid_ > 0) kill(pid_, SIGCONT); }
 
 std::string RtspServer::H264(int width, int height, int fps, int keyInterval, bool audio) {
     std::string s = "( videotestsrc is-live=true pattern=smpte ! " + VideoCaps(width, height, fps) +

@@ -16,38 +16,28 @@ public:
     struct Mount {
         Mount(std::string p, std::string l, Auth a = Auth::kNone, std::string u = "", std::string pw = "")
             : path(std::move(p)), launch(std::move(l)), auth(a), user(std::move(u)), password(std::move(pw)) {}
-        std::string path;    // "/h264"
-        std::string launch;  // a bin whose payloaders are named pay0, pay1, ...
-        // kBasic/kDigest: the mount answers 401 unless the client gives user
-        // and password with that method (the only one its 401 offers).
-        Auth auth;
-        std::string user;
-        std::string password;
+        std::string path, launch;  // launch: a bin whose payloaders are named pay0, pay1, ...
+        Auth auth;                 // not kNone: 401 (offering only this method) without user and password
+        std::string user, password;
     };
 
-    // Starts the server and waits (at most 15 s) until it listens, on port
-    // (0: any free port; a fixed one restarts a killed server at its address).
-    // udpOnly: the server refuses interleaved TCP.
+    // Waits (at most 15 s) until it listens on port (0: any free one).
     explicit RtspServer(const std::vector<Mount>& mounts, int port = 0, bool udpOnly = false);
     ~RtspServer();  // kills the server
     RtspServer(const RtspServer&) = delete;
     RtspServer& operator=(const RtspServer&) = delete;
 
-    // True when this machine can run the server (python3-gi with the RTSP
-    // server bindings).
-    static bool Available();
+    static bool Available();  // python3-gi with the RTSP server bindings
 
     bool ok() const { return port_ > 0; }
     int port() const { return port_; }
-    pid_t pid() const { return pid_; }
     // "rtsp://127.0.0.1:<port><path>", with "user:pass@" when given.
     std::string Url(const std::string& path, const std::string& credentials = "") const;
-    // What the server printed so far.
-    std::string Log() const;
+    std::string Log() const;  // what the server printed so far
 
-    void Kill();      // SIGKILL and reap; the server is gone
-    void Freeze();    // SIGSTOP: connections stay open, nothing answers
-    void Thaw();      // SIGCONT
+    void Kill();    // SIGKILL and reap
+    void Freeze();  // SIGSTOP: connections stay open, nothing answers
+    void Thaw();
 
     // Launch lines for live test video (and optional G.711 audio).
     static std::string H264(int width, int height, int fps, int keyInterval, bool audio = false);

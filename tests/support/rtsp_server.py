@@ -1,20 +1,9 @@
 #!/usr/bin/python3
-"""RTSP test server bound to 127.0.0.1 on a free port (or --port).
-
-Serves one GStreamer launch line per mount point and writes the bound port
-to --port-file once it accepts connections. Runs until killed.
-
-  rtsp_server.py --port-file F --mount /h264 '( videotestsrc ... ! rtph264pay name=pay0 )' ...
-                 [--auth /h264 basic|digest USER PASSWORD]
-
-A mount with --auth answers 401 unless the client gives that user and
-password with that method; other mounts stay open to anyone.
-
-When a payloader's stream ends, the server prints what it sent:
-  sent pay0 packets=N stamps=S span=T
-(RTP packets, distinct RTP timestamps, i.e. pictures for video, and the RTP
-clock span from the first to the last packet, i.e. samples for audio).
-"""
+"""RTSP test server on 127.0.0.1: one GStreamer launch line per --mount, --auth
+PATH basic|digest USER PASSWORD guarding a mount; writes the bound port to
+--port-file once it listens. When a payloader's stream ends it prints
+"sent payN packets=P stamps=S span=T" (RTP packets, distinct RTP timestamps,
+RTP clock span)."""
 import argparse
 import os
 import sys
@@ -27,7 +16,6 @@ gi.require_version("GstRtspServer", "1.0")
 from gi.repository import GLib, Gst, GstRtsp, GstRtspServer  # noqa: E402
 
 METHODS = {"basic": GstRtsp.RTSPAuthMethod.BASIC, "digest": GstRtsp.RTSPAuthMethod.DIGEST}
-ROLE = "media.factory.role"  # GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE
 
 
 class MountAuth(GstRtspServer.RTSPAuth):
@@ -46,7 +34,7 @@ class MountAuth(GstRtspServer.RTSPAuth):
 
 def token(role):
     t = GstRtspServer.RTSPToken()
-    t.set_string(ROLE, role)
+    t.set_string("media.factory.role", role)
     return t
 
 
@@ -74,15 +62,12 @@ def on_sent(_pad, info, data):
             span = (st["last"] - st["first"]) % (1 << 32)
             print("sent %s packets=%d stamps=%d span=%d" % (name, st["packets"], st["stamps"], span), flush=True)
         return Gst.PadProbeReturn.OK
-    buffers = [info.get_buffer()] if info.type & Gst.PadProbeType.BUFFER else \
-        [info.get_buffer_list().get(i) for i in range(info.get_buffer_list().length())]
-    for buf in buffers:
+    bufs = info.get_buffer_list()
+    for buf in [info.get_buffer()] if info.type & Gst.PadProbeType.BUFFER else [bufs.get(i) for i in range(bufs.length())]:
         stamp = int.from_bytes(buf.extract_dup(4, 4), "big")
         st["packets"] += 1
-        if stamp != st["last"]:
-            st["stamps"] += 1
-        if st["first"] is None:
-            st["first"] = stamp
+        st["stamps"] += stamp != st["last"]
+        st["first"] = stamp if st["first"] is None else st["first"]
         st["last"] = stamp
     return Gst.PadProbeReturn.OK
 
@@ -90,10 +75,10 @@ def on_sent(_pad, info, data):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--port-file", required=True)
-    parser.add_argument("--port", type=int, default=0, help="0: any free port")
-    parser.add_argument("--udp-only", action="store_true", help="refuse interleaved TCP")
-    parser.add_argument("--mount", nargs=2, action="append", default=[], metavar=("PATH", "LAUNCH"))
-    parser.add_argument("--auth", nargs=4, action="append", default=[], metavar=("PATH", "METHOD", "USER", "PASSWORD"))
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--udp-only", action="store_true")
+    parser.add_argument("--mount", nargs=2, action="append", default=[])
+    parser.add_argument("--auth", nargs=4, action="append", default=[])
     args = parser.parse_args()
 
     Gst.init(None)
@@ -131,10 +116,9 @@ def main():
         print("rtsp_server: attach failed", file=sys.stderr)
         return 1
 
-    tmp = args.port_file + ".tmp"
-    with open(tmp, "w") as f:
+    with open(args.port_file + ".tmp", "w") as f:
         f.write("%d\n" % server.get_bound_port())
-    os.rename(tmp, args.port_file)
+    os.rename(args.port_file + ".tmp", args.port_file)  # whole, or not there
     GLib.MainLoop().run()
     return 0
 
