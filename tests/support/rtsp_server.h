@@ -50,6 +50,8 @@ public:
     // A pre-encoded MPEG-4 Part 2 Matroska file, paced in real time.
     static std::string Mpeg4File(const std::string& mkvPath);
 
+    pid_t pid() const { return pid_; }  // the server process (benchmarks read its CPU time)
+
 private:
     std::string dir_;
     pid_t pid_ = -1;
