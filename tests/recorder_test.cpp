@@ -499,7 +499,10 @@ TEST(RecorderSession, CloseWhileRecording_FileFinished) {
     EXPECT_EQ(p.decoded_frames, p.header_frames);
     EXPECT_EQ(p.first_flags, "K");
     EXPECT_EQ(p.scale, 100u);
-    EXPECT_NEAR(p.rate, 2500, 250);
+    // The rate comes from the recording's ticks: 25 fps (2500), lower when a
+    // loaded machine delays the pictures, never higher.
+    EXPECT_GE(p.rate, 1250u);
+    EXPECT_LE(p.rate, 2750u);
 }
 
 }  // namespace
