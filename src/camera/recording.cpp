@@ -71,7 +71,9 @@ int CIpCamera::OnSaveTimer() {
     } else if (flags & kRecordSchedule) {
         if (m_nRecordStartTime == 0 || now - m_nRecordStartTime > autoSec) StartSaveAvi(kRecordSchedule);
     }
-    if (m_nImageRemain >= 1 && m_nLastImageTime >= 1 && now - m_nLastImageTime >= kBurstSpacingSec)
+    // The next snapshot of a burst is asked for only once the last one was
+    // written: asking again would take over its path and lose it.
+    if (m_nImageRemain >= 1 && !m_bImagePending && m_nLastImageTime >= 1 && now - m_nLastImageTime >= kBurstSpacingSec)
         SaveImage(m_nImageType, 1);
     return 0;
 }
