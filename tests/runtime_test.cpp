@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "runtime/os.h"
-#include "support/engine_support.h"
+#include "support/media_support.h"
 
 namespace {
 
@@ -47,8 +47,7 @@ TEST(List, InsertGetRemoveAndEraseWhileIterating) {
     os_list_destroy(list, [](void* v) { destroyed.push_back(reinterpret_cast<intptr_t>(v)); });
     EXPECT_EQ(destroyed, (std::vector<intptr_t>{2, 3}));
     EXPECT_EQ(os_list_count(nullptr), -1);
-
-    // Erase the even values (head, middle and tail), keep the odd ones, then erase the rest.
+    // Erase the even values (head, middle and tail) while walking, then the rest.
     list = Filled(2, 6);
     os_list_iter it{};
     for (void* v = os_list_begin(list, &it); v;)
@@ -60,10 +59,10 @@ TEST(List, InsertGetRemoveAndEraseWhileIterating) {
     os_list_destroy(list, nullptr);
 }
 
-TEST(Sync, MutexIsRecursiveAndOnlyItsOwnerReleasesIt) {
+TEST(Sync, MutexSemaphoreAndConditionWaits) {
     OsMutexPtr m(os_mutex_create());
     ASSERT_EQ(os_mutex_lock(m.get()), 0);
-    ASSERT_EQ(os_mutex_lock(m.get()), 0);
+    ASSERT_EQ(os_mutex_lock(m.get()), 0);  // recursive
     std::thread([&] { EXPECT_EQ(os_mutex_unlock(m.get()), 0); }).join();  // not the owner: ignored
     std::atomic<bool> acquired{false};
     std::thread other([&] {
@@ -71,25 +70,22 @@ TEST(Sync, MutexIsRecursiveAndOnlyItsOwnerReleasesIt) {
         acquired = true;
     });
     os_mutex_unlock(m.get());
-    // Still held once. A short look: load can only make it pass more often, never fail.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_FALSE(acquired.load());
+    // Still held once: the other thread must not get it (load only hides a fault, never fails the test).
+    EXPECT_FALSE(camctl_test::WaitFor([&] { return acquired.load(); }, 50));
     os_mutex_unlock(m.get());
     other.join();
+    EXPECT_TRUE(acquired);
     EXPECT_EQ(os_mutex_lock(nullptr), -1);
-}
 
-TEST(Sync, SemaphoreAndConditionWaits) {
     OsSemPtr s(os_sem_create(2));
     EXPECT_EQ(os_sem_timedwait(s.get(), 0), 0);
     EXPECT_EQ(os_sem_timedwait(s.get(), 0xFFFFFFFFu), 0);
-    auto start = std::chrono::steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(os_sem_timedwait(s.get(), 30), 1);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
     EXPECT_EQ(os_sem_create(-1), nullptr);
 
     OsCondPtr c(os_cond_create());
-    OsMutexPtr m(os_mutex_create());
     os_cond_signal(c.get());  // nobody waits yet: kept for the next wait
     {
         OsMutexLock lock(m.get());
@@ -133,13 +129,10 @@ TEST(Text, CopyMaskAndPrint) {
         MaskUrlCredentials(c.url, out, sizeof out);
         EXPECT_STREQ(out, c.masked);
     }
-    std::string text;
-    {
-        camctl_test::StderrCapture capture;
-        os_print("open %s failed (%d)", "cam3", -5);
-        os_print("%s", std::string(3000, 'm').c_str());
-        text = capture.Text();
-    }
+    testing::internal::CaptureStderr();
+    os_print("open %s failed (%d)", "cam3", -5);
+    os_print("%s", std::string(3000, 'm').c_str());
+    const std::string text = testing::internal::GetCapturedStderr();
     const size_t nl = text.find('\n');
     ASSERT_NE(nl, std::string::npos);
     EXPECT_TRUE(std::regex_match(text.substr(0, nl + 1),
