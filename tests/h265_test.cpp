@@ -12,8 +12,11 @@
 #include "engine/engine.h"
 #include "engine/h265/IHW265D.h"
 #include "engine/h265/ihw265d_stage.h"
+#include "camctl/FileVideoSession.h"
 #include "support/engine_support.h"
 #include "support/fixtures.h"
+#include "support/media_support.h"
+#include "support/pictures.h"
 
 namespace {
 
@@ -285,134 +288,90 @@ TEST(Ihw265d, ApiArgumentsCallbacksAndMarker) {
             << c.name;
 }
 
-// ---- Through the engine ---------------------------------------------------
+// ---- Through a file session ----------------------------------------------
 
-// Keeps every picture the engine delivers (I420 or BGR24).
-class AllPictures final : public IFrameListener {
-public:
-    explicit AllPictures(bool yuv) : yuv_(yuv) {}
-    int DoVideoBuffer(unsigned char* buf, int width, int height) override {
-        const size_t size = size_t(width) * height * (yuv_ ? 3 : 6) / 2;
-        std::lock_guard<std::mutex> lock(mu_);
-        sizes_.push_back({width, height});
-        pictures_.emplace_back(buf, buf + size);
-        return 0;
+// Writes packets (data, key) into a NUT file, which hands them back as they are.
+void WritePackets(const std::string& path, const std::vector<std::pair<Bytes, bool>>& packets) {
+    AVFormatContext* raw = nullptr;
+    ASSERT_GE(avformat_alloc_output_context2(&raw, nullptr, "nut", path.c_str()), 0);
+    std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> oc(raw, [](AVFormatContext* c) {
+        avio_closep(&c->pb);
+        avformat_free_context(c);
+    });
+    AVStream* st = avformat_new_stream(raw, nullptr);
+    st->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
+    st->codecpar->codec_id = AV_CODEC_ID_HEVC;
+    st->codecpar->width = 320;
+    st->codecpar->height = 240;
+    st->time_base = {1, 25};
+    ASSERT_GE(avio_open(&raw->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
+    ASSERT_GE(avformat_write_header(raw, nullptr), 0);
+    int64_t n = 0;
+    for (const auto& [data, key] : packets) {
+        camctl::PacketPtr pkt = camctl::MakePacket();
+        av_new_packet(pkt.get(), int(data.size()));
+        std::copy(data.begin(), data.end(), pkt->data);
+        pkt->flags = key ? AV_PKT_FLAG_KEY : 0;
+        pkt->pts = pkt->dts = av_rescale_q(n++, {1, 25}, st->time_base);
+        ASSERT_GE(av_write_frame(raw, pkt.get()), 0);
     }
-    int DoAudioBuffer(unsigned short*, int, int) override { return 0; }
-    int UpdateMotionAlarmRegion(char*) override { return 0; }
-    size_t Count() const {
-        std::lock_guard<std::mutex> lock(mu_);
-        return pictures_.size();
-    }
-    std::vector<Bytes> Take(std::vector<std::pair<int, int>>* sizes) {
-        std::lock_guard<std::mutex> lock(mu_);
-        *sizes = sizes_;
-        return std::move(pictures_);
-    }
-
-private:
-    bool yuv_;
-    mutable std::mutex mu_;
-    std::vector<std::pair<int, int>> sizes_;
-    std::vector<Bytes> pictures_;
-};
-
-bool WaitFor(const std::function<bool()>& pred) { return camctl_test::PictureLog::WaitUntil(pred, 20000); }
-
-double Psnr(const Bytes& a, const Bytes& b) {
-    if (a.size() != b.size() || a.empty()) return 0;
-    double se = 0;
-    for (size_t i = 0; i < a.size(); ++i) se += double(a[i] - b[i]) * (a[i] - b[i]);
-    return se == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 * double(a.size()) / se);
+    ASSERT_GE(av_write_trailer(raw), 0);
 }
 
-// Plays a file through the engine and collects all its pictures.
-std::vector<Bytes> PlayFile(const std::string& path, bool yuv, size_t expect) {
-    AllPictures sink(yuv);
-    ContextOptions options;
-    options.decode = 1;
-    options.throttleRead = 1;
-    FFMpegContext* ctx =
-        FFMpegContextCreateEx(static_cast<IFrameListener*>(&sink), path.c_str(), yuv ? 1 : 0, nullptr, 0, options);
-    if (!ctx) return {};
-    EXPECT_TRUE(WaitFor([&] { return sink.Count() >= expect; })) << sink.Count();
-    FFMpegContextDestroy(ctx);
+// Plays path through a file session (I420 or BGR24) until `pictures` came,
+// or `stop_log` was printed; returns the session's log and stderr.
+std::vector<Bytes> Play(const std::string& path, bool yuv, size_t pictures, std::string* log,
+                        const char* stop_log = nullptr) {
+    camctl_test::StderrCapture capture;
+    camctl_test::MediaSession<CFileVideoSession> s(yuv);
+    EXPECT_EQ(s.Open(path.c_str()), 0);
+    EXPECT_TRUE(camctl_test::WaitFor([&] {
+        return stop_log ? capture.Text().find(stop_log) != std::string::npos : s.log.PictureCount() >= pictures;
+    })) << s.log.PictureCount();
+    s.VideoFree();
+    *log = capture.Text();
     std::vector<std::pair<int, int>> sizes;
-    std::vector<Bytes> pictures = sink.Take(&sizes);
+    std::vector<Bytes> out = s.log.Pictures(&sizes);
     for (const auto& size : sizes) EXPECT_EQ(size, std::make_pair(320, 240));
-    return pictures;
+    return out;
 }
 
+size_t Count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+// A marked stream goes through IHW265D with FFmpeg's pictures; one instance
+// per stream, made for marked and unmarked streams alike.
 TEST(EngineH265, MarkedStreamGoesThroughIhw265dWithTheSamePictures) {
     camctl_test::TempDir tmp;
     const std::string plain_file = HevcFixture(320, 240, 2);
-    std::vector<Bytes> units = ReadStream(plain_file).units;
-    units[0] = WithMarker(units[0]);
-    const std::string marked = tmp / "marked.hevc";
-    {
-        std::ofstream f(marked, std::ios::binary);
-        for (const Bytes& u : units) f.write(reinterpret_cast<const char*>(u.data()), std::streamsize(u.size()));
-    }
+    const Stream s = ReadStream(plain_file);
+    std::vector<std::pair<Bytes, bool>> marked = {{WithMarker(s.units[0]), true}};
+    for (size_t i = 1; i < s.units.size(); ++i) marked.push_back({s.units[i], s.keys[i]});
+    WritePackets(tmp / "marked.nut", marked);
     for (bool yuv : {false, true}) {
         SCOPED_TRACE(yuv ? "I420" : "BGR24");
+        std::string log;
         uint64_t before = camctl::h265::Ihw265dPicturesDecoded();
-        const std::vector<Bytes> plain = PlayFile(plain_file, yuv, units.size());
+        const std::vector<Bytes> plain = Play(plain_file, yuv, s.units.size(), &log);
         EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded(), before);  // FFmpeg served it
+        EXPECT_EQ(Count(log, "IHW265D_Create===success====0x0===="), 1u) << log;
         before = camctl::h265::Ihw265dPicturesDecoded();
-        const std::vector<Bytes> through = PlayFile(marked, yuv, units.size());
-        EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded() - before, units.size());
-        ASSERT_EQ(plain.size(), units.size());
-        ASSERT_EQ(through.size(), units.size());
-        for (size_t i = 0; i < units.size(); ++i) EXPECT_GT(Psnr(plain[i], through[i]), 45.0) << i;
+        const std::vector<Bytes> through = Play(tmp / "marked.nut", yuv, s.units.size(), &log);
+        EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded() - before, s.units.size());
+        EXPECT_EQ(Count(log, "IHW265D_Create===success====0x0===="), 1u) << log;
+        ASSERT_EQ(plain.size(), s.units.size());
+        ASSERT_EQ(through.size(), s.units.size());
+        for (size_t i = 0; i < s.units.size(); ++i)
+            EXPECT_GT(camctl_test::Psnr(plain[i].data(), through[i].data(), plain[i].size()), 45.0) << i;
     }
 }
 
-struct ContextFreer {
-    void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
-};
-using ContextPtr = std::unique_ptr<FFMpegContext, ContextFreer>;
-
-ContextPtr HevcContext(int width, int height, IFrameListener* owner) {
-    ContextPtr ctx(FFMpegContextAlloc());
-    const AVCodec* dec = avcodec_find_decoder(AV_CODEC_ID_HEVC);
-    ctx->m_pVideoCodecCtx.reset(avcodec_alloc_context3(dec));
-    avcodec_open2(ctx->m_pVideoCodecCtx.get(), dec, nullptr);
-    ctx->m_nVideoCodecId = AV_CODEC_ID_HEVC;
-    ctx->m_nWidth = width;
-    ctx->m_nHeight = height;
-    ctx->m_pOwner = owner;
-    ctx->m_bDecode = 1;
-    ctx->m_bRunning = 1;
-    return ctx;
-}
-
-TEST(EngineH265, ChoiceMakesOneInstancePerStream) {
-    const Bytes key = ReadStream(HevcFixture(320, 240, 2)).units[0];
-    const Bytes marked = WithMarker(key);
-    AVPacket plain_pkt{}, marked_pkt{};
-    plain_pkt.data = const_cast<uint8_t*>(key.data());
-    plain_pkt.size = int(key.size());
-    marked_pkt.data = const_cast<uint8_t*>(marked.data());
-    marked_pkt.size = int(marked.size());
-    {
-        ContextPtr ctx = HevcContext(320, 240, nullptr);
-        camctl_test::StderrCapture log;
-        EXPECT_FALSE(camctl::h265::ChooseIhw265d(ctx.get(), &plain_pkt));
-        EXPECT_NE(log.Text().find("IHW265D_Create===success====0x0===="), std::string::npos);  // marked or not
-        ASSERT_TRUE(ctx->m_hH265Decoder);
-        IHW265D_HANDLE first = ctx->m_hH265Decoder.get();
-        EXPECT_TRUE(camctl::h265::ChooseIhw265d(ctx.get(), &marked_pkt));
-        EXPECT_EQ(ctx->m_hH265Decoder.get(), first);  // not made twice
-    }
-    ContextPtr no_size = HevcContext(0, 0, nullptr);
-    camctl_test::StderrCapture log;
-    EXPECT_FALSE(camctl::h265::ChooseIhw265d(no_size.get(), &marked_pkt));
-    EXPECT_NE(log.Text().find("IHW265D_Create===failed====0xf0401001===="), std::string::npos);
-    EXPECT_FALSE(no_size->m_hH265Decoder);
-}
-
-// The BGR decode thread alone on a queue the test fills beforehand.
-TEST(EngineH265, DecodeThreadCountsDamageAndStops) {
+// Damage on the IHW265D path: counted, logged, and the fourth damaged
+// picture or a larger picture than the instance was made for stops decoding.
+TEST(EngineH265, DamageIsCountedAndStopsDecoding) {
     const Stream s = ReadStream(HevcFixture(320, 240, 2));
     const Stream large = ReadStream(HevcFixture(640, 480, 1));
     const Bytes key = WithMarker(s.units[0]);
@@ -423,8 +382,8 @@ TEST(EngineH265, DecodeThreadCountsDamageAndStops) {
         std::mt19937 rng(5);
         for (size_t i = from; i < to; ++i) {
             Bytes u = s.units[i];
-            if (corrupt && !s.keys[i])
-                for (size_t k = u.size() / 2; k < u.size(); k += 3) u[k] = uint8_t(rng());
+            if (corrupt && !s.keys[i])  // no zero bytes: no start code made up
+                for (size_t k = u.size() / 2; k < u.size(); k += 3) u[k] = uint8_t(rng() | 1);
             p.push_back({u, s.keys[i]});
         }
         return p;
@@ -445,42 +404,24 @@ TEST(EngineH265, DecodeThreadCountsDamageAndStops) {
     } cases[] = {
         {"first key frame shorter than seven bytes keeps FFmpeg",
          join({{{0, 0, 0, 1, 0x4E, 0x01}, true}, {key, true}}, rest(1, 50, false)), false, "", 50, 0},
-        {"fourth damaged picture stops the thread", join({{key, true}}, join(rest(1, 5, false), rest(5, 50, true))),
-         true, "===IH265D_ERR_HANDLE====nBadFrameCount:3====\n", 5, 5},
-        {"larger picture than created stops the thread", join(join({{key, true}}, rest(1, 10, false)), larger), true,
+        {"fourth damaged picture stops", join({{key, true}}, join(rest(1, 5, false), rest(5, 50, true))), true,
+         "===IH265D_ERR_HANDLE====nBadFrameCount:3====\n", 5, 5},
+        {"larger picture than created stops", join(join({{key, true}}, rest(1, 10, false)), larger), true,
          "maybe resolution change to big one=====", 10, 10},
         {"key frame without a picture counts as damaged (the next key frame's is withheld)",
          join({{Bytes(key.begin(), key.begin() + slice), true}, {Bytes(key.begin() + slice, key.end()), false}},
               rest(1, 50, false)),
          false, "=======nIsBadFrame=======", 49, 50},
     };
+    camctl_test::TempDir tmp;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        AllPictures sink(false);
-        ContextPtr ctx = HevcContext(320, 240, &sink);
-        for (const auto& [data, is_key] : c.packets) {
-            camctl::PacketPtr pkt = camctl::MakePacket();
-            av_new_packet(pkt.get(), int(data.size()));
-            std::copy(data.begin(), data.end(), pkt->data);
-            pkt->flags = is_key ? AV_PKT_FLAG_KEY : 0;
-            PushVideoPacket(ctx.get(), pkt.get());
-        }
+        WritePackets(tmp / "case.nut", c.packets);
         const uint64_t before = camctl::h265::Ihw265dPicturesDecoded();
-        camctl_test::StderrCapture log;
-        os_thread* thread = os_thread_create(nullptr, VideoDecodeThreadBgr, ctx.get());
-        if (c.stops) {
-            EXPECT_TRUE(WaitFor([&] { return ctx->m_bRunning == 0; }));
-        } else {
-            EXPECT_TRUE(WaitFor([&] { return GetAVPktListElmCount(ctx.get()) == 0 && sink.Count() >= c.pictures; }));
-        }
-        ctx->m_bRunning = 0;
-        os_thread_join(thread);
-        os_thread_free(thread);
-        EXPECT_NE(log.Text().find(c.log), std::string::npos) << log.Text();
-        EXPECT_EQ(sink.Count(), c.pictures);
+        std::string log;
+        EXPECT_EQ(Play(tmp / "case.nut", false, c.pictures, &log, c.stops ? c.log : nullptr).size(), c.pictures);
+        EXPECT_NE(log.find(c.log), std::string::npos) << log;
         EXPECT_EQ(camctl::h265::Ihw265dPicturesDecoded() - before, c.through_ihw265d);
-        EXPECT_EQ(GetAVPktListElmCount(ctx.get()) == 0, !c.stops);  // a stopped thread does not go on
-        EXPECT_TRUE(ctx->m_hH265Decoder);  // made on the first key frame, marked or not
     }
 }
 
