@@ -163,11 +163,7 @@ TEST(Ihw265d, PicturesAndStatuses) {
     }
 }
 
-struct CallbackLog {
-    int allocs = 0, frees = 0;
-    uint32_t channel = 0;
-    std::string text;
-} g_callbacks;
+struct CallbackLog { int allocs = 0, frees = 0; uint32_t channel = 0; std::string text; } g_callbacks;
 
 TEST(Ihw265d, ApiArgumentsCallbacksAndMarker) {
     IHW265D_VERSION v;
@@ -184,15 +180,8 @@ TEST(Ihw265d, ApiArgumentsCallbacksAndMarker) {
     EXPECT_EQ(IHW265D_Decode(nullptr, &in, &out), IHW265D_ERR_INVALID_ARGUMENT);
     IHW265D_INIT_PARAM p{};
     p.uiChannelId = 7;
-    p.pfnMalloc = [](uint32_t ch, uint32_t size) -> void* {
-        ++g_callbacks.allocs;
-        g_callbacks.channel = ch;
-        return malloc(size);
-    };
-    p.pfnFree = [](uint32_t, void* ptr) {
-        ++g_callbacks.frees;
-        free(ptr);
-    };
+    p.pfnMalloc = [](uint32_t ch, uint32_t size) { return ++g_callbacks.allocs, g_callbacks.channel = ch, malloc(size); };
+    p.pfnFree = [](uint32_t, void* ptr) { ++g_callbacks.frees, free(ptr); };
     p.pfnLog = [](uint32_t, uint32_t, const char* text) { g_callbacks.text += text; };
     {
         Decoder dec(320, 240, p);
@@ -206,11 +195,7 @@ TEST(Ihw265d, ApiArgumentsCallbacksAndMarker) {
 
     const Bytes key = ReadStream(HevcFixture(320, 240, 2))[0].first;
     const Bytes m = {0, 0, 0, 1, 0x4E, 0x01, 0xE5};
-    auto at = [&](size_t pos, Bytes marker) {
-        Bytes b(300, 0x55);
-        std::copy(marker.begin(), marker.end(), b.begin() + long(pos));
-        return b;
-    };
+    auto at = [&](size_t pos, Bytes b) { return b.insert(b.begin(), pos, 0x55), b.resize(300, 0x55), b; };
     const struct { const char* name; Bytes data; int size; bool marked; } cases[] = {  // size -1: all of it
         {"marker", m, -1, true},
         {"cut before the payload type", m, 6, false},
@@ -238,11 +223,8 @@ void WritePackets(const std::string& path, const Packets& packets) {
         avformat_free_context(c);
     });
     AVStream* st = avformat_new_stream(raw, nullptr);
-    st->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
-    st->codecpar->codec_id = AV_CODEC_ID_HEVC;
-    st->codecpar->width = 320;
-    st->codecpar->height = 240;
-    st->time_base = {1, 25};
+    st->codecpar->codec_type = AVMEDIA_TYPE_VIDEO, st->codecpar->codec_id = AV_CODEC_ID_HEVC;
+    st->codecpar->width = 320, st->codecpar->height = 240, st->time_base = {1, 25};
     ASSERT_GE(avio_open(&raw->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
     ASSERT_GE(avformat_write_header(raw, nullptr), 0);
     int64_t n = 0;
@@ -275,10 +257,8 @@ std::vector<Bytes> Play(const std::string& path, bool yuv, size_t pictures, std:
     return out;
 }
 
-size_t Count(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
+size_t Count(const std::string& text, const std::string& what, size_t from = 0) {
+    return (from = text.find(what, from)) == std::string::npos ? 0 : 1 + Count(text, what, from + 1);
 }
 
 // A marked stream goes through IHW265D with FFmpeg's pictures; one instance
@@ -324,10 +304,7 @@ TEST(EngineH265, DamageIsCountedAndStopsDecoding) {
         }
         return p;
     };
-    auto join = [](Packets a, const Packets& b) {
-        a.insert(a.end(), b.begin(), b.end());
-        return a;
-    };
+    auto join = [](Packets a, const Packets& b) { return a.insert(a.end(), b.begin(), b.end()), a; };
     const Packets larger = ReadStream(HevcFixture(640, 480, 1));
     const struct { const char* name; Packets packets; bool stops; const char* log; size_t pictures; uint64_t through_ihw265d; } cases[] = {
         {"first key frame shorter than seven bytes keeps FFmpeg",
