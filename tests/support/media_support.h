@@ -18,16 +18,32 @@ bool WaitFor(const std::function<bool()>& cond, int timeout_ms = 20000);
 class MediaLog {
 public:
     using Picture = std::vector<uint8_t>;
-    void OnAudio(const unsigned short* buf, int count, int rate);
-    void OnPicture(const unsigned char* buf, int width, int height, bool yuv);
-    size_t SampleCount() const;
-    std::vector<int16_t> Samples() const;
-    int Rate() const;
-    int RateChanges() const;  // 1 when every block had the first block's rate
-    size_t PictureCount() const;
-    std::vector<Picture> Pictures(std::vector<std::pair<int, int>>* sizes = nullptr) const;
+    void OnAudio(const unsigned short* buf, int count, int rate) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto* s = reinterpret_cast<const int16_t*>(buf);
+        samples_.insert(samples_.end(), s, s + count);
+        rate_changes_ += rate != rate_;
+        rate_ = rate;
+    }
+    void OnPicture(const unsigned char* buf, int width, int height, bool yuv) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        pictures_.emplace_back(buf, buf + size_t(width) * height * (yuv ? 3 : 6) / 2);
+        sizes_.emplace_back(width, height);
+    }
+    size_t SampleCount() const { return Locked([this] { return samples_.size(); }); }
+    std::vector<int16_t> Samples() const { return Locked([this] { return samples_; }); }
+    int Rate() const { return Locked([this] { return rate_; }); }
+    int RateChanges() const { return Locked([this] { return rate_changes_; }); }  // 1: one rate throughout
+    size_t PictureCount() const { return Locked([this] { return pictures_.size(); }); }
+    std::vector<Picture> Pictures() const { return Locked([this] { return pictures_; }); }
+    std::vector<std::pair<int, int>> Sizes() const { return Locked([this] { return sizes_; }); }
 
 private:
+    template <class F>
+    auto Locked(F f) const -> decltype(f()) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return f();
+    }
     mutable std::mutex mutex_;  // guards the fields below
     std::vector<int16_t> samples_;
     int rate_ = 0;
@@ -42,8 +58,7 @@ class MediaSession final : public Session {
 public:
     // yuv: I420 pictures instead of bottom-up BGR24.
     explicit MediaSession(bool yuv = false) : yuv_(yuv) { this->SetD3DDisplay(yuv ? 1 : 0); }
-    // Closed here, while this class's slots still stand.
-    ~MediaSession() override { this->VideoFree(); }
+    ~MediaSession() override { this->VideoFree(); }  // while this class's slots still stand
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
         log.OnPicture(buf, width, height, yuv_);
         return 0;
