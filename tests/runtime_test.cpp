@@ -1,6 +1,7 @@
 // Faults: list position/cursor off by one, lost wake-ups, a wait that keeps or loses the caller's lock, foreign unlocks, URL masking, print format.
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -21,9 +22,10 @@ std::vector<intptr_t> Values(const os_list* list) {
     return out;
 }
 
-os_list* Filled(int first, int last) {
-    os_list* list = os_list_create();
-    for (int i = first; i <= last; ++i) EXPECT_EQ(os_list_insert(list, V(i), -1), i - first + 1);
+using ListPtr = std::unique_ptr<os_list, void (*)(os_list*)>;
+ListPtr Filled(int first, int last) {
+    ListPtr list(os_list_create(), [](os_list* l) { os_list_destroy(l, nullptr); });
+    for (int i = first; i <= last; ++i) EXPECT_EQ(os_list_insert(list.get(), V(i), -1), i - first + 1);
     return list;
 }
 
@@ -31,15 +33,13 @@ TEST(List, InsertGetRemoveAndEraseWhileIterating) {
     const struct { int pos; std::vector<intptr_t> expect; } cases[] = {
         {0, {9, 1, 2, 3}}, {2, {1, 2, 9, 3}}, {3, {1, 2, 3, 9}}, {7, {1, 2, 3, 9}}, {-1, {1, 2, 3, 9}}};
     for (const auto& c : cases) {
-        os_list* list = Filled(1, 3);
-        EXPECT_EQ(os_list_insert(list, V(9), c.pos), 4) << c.pos;
-        EXPECT_EQ(Values(list), c.expect) << c.pos;
-        os_list_destroy(list, nullptr);
+        ListPtr list = Filled(1, 3);
+        EXPECT_EQ(os_list_insert(list.get(), V(9), c.pos), 4) << c.pos;
+        EXPECT_EQ(Values(list.get()), c.expect) << c.pos;
     }
-    os_list* list = Filled(1, 3);
-    EXPECT_EQ(os_list_get(list, 2), V(3));
-    EXPECT_EQ(os_list_get(list, 3), nullptr);
-    EXPECT_EQ(os_list_get(list, -1), nullptr);
+    os_list* list = Filled(1, 3).release();
+    EXPECT_EQ((std::vector<void*>{os_list_get(list, 2), os_list_get(list, 3), os_list_get(list, -1)}),
+              (std::vector<void*>{V(3), nullptr, nullptr}));
     EXPECT_EQ(os_list_remove(list, 3), -1);
     EXPECT_EQ(os_list_remove(list, 0), 2);
     EXPECT_EQ(os_list_at_end(list, 2), 1);
@@ -48,15 +48,14 @@ TEST(List, InsertGetRemoveAndEraseWhileIterating) {
     EXPECT_EQ(destroyed, (std::vector<intptr_t>{2, 3}));
     EXPECT_EQ(os_list_count(nullptr), -1);
     // Erase the even values (head, middle and tail) while walking, then the rest.
-    list = Filled(2, 6);
+    ListPtr walked = Filled(2, 6);
     os_list_iter it{};
-    for (void* v = os_list_begin(list, &it); v;)
+    for (void* v = os_list_begin(walked.get(), &it); v;)
         v = reinterpret_cast<intptr_t>(v) % 2 == 0 ? os_list_erase(&it) : os_list_next(&it);
-    EXPECT_EQ(Values(list), (std::vector<intptr_t>{3, 5}));
-    for (void* v = os_list_begin(list, &it); v;) v = os_list_erase(&it);
-    EXPECT_EQ(list->head, nullptr);
-    EXPECT_EQ(os_list_insert(list, V(8), 5), 1);
-    os_list_destroy(list, nullptr);
+    EXPECT_EQ(Values(walked.get()), (std::vector<intptr_t>{3, 5}));
+    for (void* v = os_list_begin(walked.get(), &it); v;) v = os_list_erase(&it);
+    EXPECT_EQ(walked->head, nullptr);
+    EXPECT_EQ(os_list_insert(walked.get(), V(8), 5), 1);
 }
 
 TEST(Sync, MutexSemaphoreAndConditionWaits) {
@@ -129,7 +128,7 @@ TEST(Text, CopyMaskAndPrint) {
         MaskUrlCredentials(c.url, out, sizeof out);
         EXPECT_STREQ(out, c.masked);
     }
-    testing::internal::CaptureStderr();
+    testing::internal::CaptureStderr();  // a line as it comes, then one cut at its end
     os_print("open %s failed (%d)", "cam3", -5);
     os_print("%s", std::string(3000, 'm').c_str());
     const std::string text = testing::internal::GetCapturedStderr();
