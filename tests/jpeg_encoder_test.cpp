@@ -32,40 +32,21 @@ Bytes Encode(const Bytes& yuv, int w, int h, int quality, size_t capacity) {
     return out;
 }
 
-// Checks the baseline layout (segment order, frame and scan headers, Huffman
-// tables, stuffing, EOI) and returns the two quantisers (64 + 64 bytes).
-Bytes CheckLayout(const Bytes& f, int w, int h) {
-    std::vector<std::pair<unsigned char, Bytes>> s;  // marker, body after the length field, up to SOS
+// Checks the segment order, the stuffing of 0xFF in the coded data and the
+// closing EOI; returns the two quantisers (64 + 64 bytes).
+Bytes CheckLayout(const Bytes& f) {
+    Bytes markers, q;
     size_t pos = 2;
     EXPECT_EQ(Bytes(f.begin(), f.begin() + 2), (Bytes{0xFF, 0xD8}));
-    while (pos + 4 <= f.size() && f[pos] == 0xFF && (s.empty() || s.back().first != 0xDA)) {
+    while (pos + 4 <= f.size() && f[pos] == 0xFF && (markers.empty() || markers.back() != 0xDA)) {
         const size_t len = f[pos + 2] << 8 | f[pos + 3];
-        if (pos + 2 + len > f.size()) break;
-        s.push_back({f[pos + 1], Bytes(f.begin() + pos + 4, f.begin() + pos + 2 + len)});
+        markers.push_back(f[pos + 1]);
+        if (markers.back() == 0xDB) q.insert(q.end(), f.begin() + long(pos + 5), f.begin() + long(pos + 2 + len));
         pos += 2 + len;
     }
-    const Bytes order = {0xE0, 0xDB, 0xDB, 0xC0, 0xC4, 0xC4, 0xC4, 0xC4, 0xDA};
-    EXPECT_EQ(s.size(), order.size());
-    if (s.size() != order.size()) return {};
-    for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(s[i].first, order[i]) << i;
-    EXPECT_EQ(std::string(s[0].second.begin(), s[0].second.begin() + 5), std::string("JFIF\0", 5));
-    EXPECT_EQ(s[1].second[0], 0);  // luminance table, then chrominance
-    EXPECT_EQ(s[2].second[0], 1);
-    using B = Bytes::value_type;
-    EXPECT_EQ(s[3].second, (Bytes{8, B(h >> 8), B(h & 0xFF), B(w >> 8), B(w & 0xFF), 3, 1, 0x11, 0, 2, 0x11, 1, 3, 0x11, 1}));
-    for (int i = 0; i < 4; ++i) {
-        const Bytes& b = s[4 + i].second;
-        EXPECT_EQ(b[0], (i % 2) << 4 | i / 2);  // DC then AC, luminance then chrominance
-        int symbols = 0;
-        for (int k = 1; k <= 16; ++k) symbols += b[k];
-        EXPECT_EQ(symbols, i % 2 ? 162 : 12);
-        EXPECT_EQ(b.size(), 17u + symbols);
-    }
-    EXPECT_EQ(s[8].second, (Bytes{3, 1, 0x00, 2, 0x11, 3, 0x11, 0, 0x3F, 0}));
+    EXPECT_EQ(markers, (Bytes{0xE0, 0xDB, 0xDB, 0xC0, 0xC4, 0xC4, 0xC4, 0xC4, 0xDA}));
     EXPECT_EQ(Bytes(f.end() - 2, f.end()), (Bytes{0xFF, 0xD9}));
     for (size_t i = pos; i + 2 < f.size(); ++i) EXPECT_TRUE(f[i] != 0xFF || f[i + 1] == 0) << "unstuffed 0xFF at " << i;
-    Bytes q(s[1].second.begin() + 1, s[1].second.end());
-    q.insert(q.end(), s[2].second.begin() + 1, s[2].second.end());
     return q;
 }
 
@@ -93,7 +74,7 @@ TEST(JpegEncoder, PicturesDecodeBackWithTheRightLayout) {
                                           : camctl_test::RawTestFrame(src, c.w, c.h, "yuv420p", 10);
         const Bytes f = Encode(yuv, c.w, c.h, c.quality, 64 * 1024 + plane * 8);
         ASSERT_FALSE(f.empty());
-        CheckLayout(f, c.w, c.h);
+        CheckLayout(f);
         const camctl_test::DecodedJpeg d = camctl_test::DecodeJpeg(f, JCS_YCbCr);
         ASSERT_TRUE(d.ok);
         EXPECT_EQ(d.warnings, 0);
@@ -126,7 +107,7 @@ TEST(JpegEncoder, PicturesDecodeBackWithTheRightLayout) {
 
 TEST(JpegEncoder, QualityShapesTheQuantisers) {
     const Bytes yuv = camctl_test::RawTestFrame("testsrc", 64, 64, "yuv420p");
-    auto tables = [&](int quality) { return CheckLayout(Encode(yuv, 64, 64, quality, 256 * 1024), 64, 64); };
+    auto tables = [&](int quality) { return CheckLayout(Encode(yuv, 64, 64, quality, 256 * 1024)); };
     EXPECT_EQ(tables(100), Bytes(128, 1));
     EXPECT_EQ(tables(150), tables(100));
     for (int q : {0, -7, 1}) EXPECT_EQ(tables(q), Bytes(128, 255)) << q;
