@@ -119,11 +119,10 @@ TEST(HwAccel, RealOpenerAndThisMachine) {
 }
 
 TEST(HwAccel, FormatChoiceAndNv12Download) {
-    struct { std::vector<AVPixelFormat> offered; AVPixelFormat chosen; } cases[] = {{{AV_PIX_FMT_YUV420P, AV_PIX_FMT_VAAPI}, AV_PIX_FMT_VAAPI},
-                 {{AV_PIX_FMT_YUV420P, AV_PIX_FMT_YUVJ420P}, AV_PIX_FMT_YUVJ420P},
-                 {{AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUV420P}, AV_PIX_FMT_YUV420P},
-                 {{AV_PIX_FMT_YUV420P}, AV_PIX_FMT_YUV420P},
-                 {{AV_PIX_FMT_NV12}, AV_PIX_FMT_NONE}};
+    struct { std::vector<AVPixelFormat> offered; AVPixelFormat chosen; } cases[] = {
+        {{AV_PIX_FMT_YUV420P, AV_PIX_FMT_VAAPI}, AV_PIX_FMT_VAAPI}, {{AV_PIX_FMT_YUV420P, AV_PIX_FMT_YUVJ420P}, AV_PIX_FMT_YUVJ420P},
+        {{AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUV420P}, AV_PIX_FMT_YUV420P}, {{AV_PIX_FMT_YUV420P}, AV_PIX_FMT_YUV420P},
+        {{AV_PIX_FMT_NV12}, AV_PIX_FMT_NONE}};
     for (auto& c : cases) {
         c.offered.push_back(AV_PIX_FMT_NONE);
         testing::internal::CaptureStderr();

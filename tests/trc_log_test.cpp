@@ -1,5 +1,4 @@
 // Faults: wrong log file names or folder, rotation not once per unit, a bad line format or cut, torn lines, a silent or repeated unwritable-log notice.
-// The log folder is the executable's: each scenario runs in a copy of this binary in a private folder.
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -18,6 +17,7 @@
 
 namespace {
 
+// The log folder is the executable's: each scenario runs in a copy of this binary in a private folder.
 // Three logging units, as three source files have them.
 trc_unit g_unit[3];
 
