@@ -32,8 +32,7 @@ using camctl_test::RtspServer;
 using camctl_test::TempDir;
 using camctl_test::TimeMs;
 
-// A close gives up on the stream within a second; sanitizers slow every
-// step of it several times over.
+// A close gives up on the stream within a second; sanitizers slow every step of it several times over.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kCloseBudgetMs = 3000;
 #else
@@ -64,11 +63,9 @@ private:
 
 bool Until(const std::function<bool()>& pred) { return PictureLog::WaitUntil(pred, kDeadlineMs); }
 
-// 640x480 Motion JPEG at about 780 kB/s: a damaged stream fills the
-// reader's 2,000,000-byte receive buffer within seconds.
+// 640x480 Motion JPEG at about 780 kB/s: a damaged stream fills the reader's 2,000,000-byte receive buffer within seconds.
 std::string MjpegClip() {
-    return camctl_test::Fixture("fault_mjpeg_640x480_4s.avi",
-                                "-f lavfi -i testsrc2=size=640x480:rate=25 -t 4 -c:v mjpeg -q:v 2 -pix_fmt yuvj420p");
+    return camctl_test::Fixture("fault_mjpeg_640x480_4s.avi", "-f lavfi -i testsrc2=size=640x480:rate=25 -t 4 -c:v mjpeg -q:v 2 -pix_fmt yuvj420p");
 }
 
 std::shared_ptr<camsim::Server> Simulator(const camsim::Options& o) {
@@ -78,10 +75,7 @@ std::shared_ptr<camsim::Server> Simulator(const camsim::Options& o) {
     return server;
 }
 
-// ---- a stream that breaks: the reader ends, the host reopens --------------
-
-// A source as a fault row builds it: where to connect, how to break it
-// (none: the stream carries its own fault) and how to mend it.
+// A source as a fault row builds it: where to connect, how to break it (none: the stream carries its own fault), how to mend it.
 struct Broken {
     explicit Broken(std::string u, std::function<void()> f = nullptr, std::function<void()> m = nullptr)
         : url(std::move(u)), fault(std::move(f)), mend(std::move(m)) {}
@@ -96,9 +90,7 @@ Broken ThroughProxy(FrameProxy::Fault fault) {
     so.file = MjpegClip();
     auto sim = Simulator(so);
     FrameProxy::Options po;
-    po.upstream_port = sim->Port();
-    po.fault = fault;
-    po.at_video_frame = kFaultAt;
+    po.upstream_port = sim->Port(), po.fault = fault, po.at_video_frame = kFaultAt;
     auto proxy = std::make_shared<FrameProxy>(po);
     EXPECT_TRUE(proxy->Start());
     Broken b(proxy->Url());
@@ -107,39 +99,27 @@ Broken ThroughProxy(FrameProxy::Fault fault) {
     return b;
 }
 
+// Frozen and thawed, or killed and back at the same address (a camera that restarts).
 Broken Rtsp(bool freeze) {
-    auto server = std::make_shared<RtspServer>(std::vector<RtspServer::Mount>{{"/cam", RtspServer::H264(640, 480, 25, 25)}});
+    const std::vector<RtspServer::Mount> mounts{{"/cam", RtspServer::H264(640, 480, 25, 25)}};
+    auto server = std::make_shared<RtspServer>(mounts);
     EXPECT_TRUE(server->ok()) << server->Log();
-    Broken b(server->Url("/cam"));
-    if (freeze) {
-        b.fault = [server] { server->Freeze(); };
-        b.mend = [server] { server->Thaw(); };
-    } else {
-        // Back at the same address, as a camera that restarts.
-        auto holder = std::make_shared<std::unique_ptr<RtspServer>>();
-        b.fault = [server] { server->Kill(); };
-        b.mend = [server, holder] {
-            *holder = std::make_unique<RtspServer>(std::vector<RtspServer::Mount>{{"/cam", RtspServer::H264(640, 480, 25, 25)}},
-                                                   server->port());
-            EXPECT_TRUE((*holder)->ok()) << (*holder)->Log();
-        };
-        b.keep.push_back(holder);
-    }
-    b.keep.push_back(server);
+    auto again = std::make_shared<std::unique_ptr<RtspServer>>();
+    Broken b(server->Url("/cam"), [server, freeze] { freeze ? server->Freeze() : server->Kill(); }, [=] {
+        if (freeze) return server->Thaw();
+        *again = std::make_unique<RtspServer>(mounts, server->port());
+        EXPECT_TRUE((*again)->ok()) << (*again)->Log();
+    });
+    b.keep = {again, server};
     return b;
 }
 
-// The simulator at 640x480 that changes its codec at kFaultAt, or else
-// stops (the fault) and starts again at the same port (the mend).
+// The simulator at 640x480 that changes its codec at kFaultAt, or else stops and starts again at the same port.
 Broken Simulated(bool codecChange) {
     camsim::Options so;
     so.pattern.width = 640, so.pattern.height = 480;
-    if (codecChange) {
-        so.pattern.codec_change_after = kFaultAt;
-        so.pattern.codec_change_to = camsim::VideoCodec::MJPEG;
-    } else {
-        so.port = camctl_test::FreeLoopbackPort();
-    }
+    so.pattern.codec_change_after = codecChange ? kFaultAt : 0, so.pattern.codec_change_to = camsim::VideoCodec::MJPEG;
+    if (!codecChange) so.port = camctl_test::FreeLoopbackPort();
     auto sim = Simulator(so);
     Broken b(sim->Url());
     if (!codecChange) b.fault = [sim] { sim->Stop(); }, b.mend = [sim] { EXPECT_TRUE(sim->Start()); };
@@ -167,10 +147,8 @@ TEST_P(StreamFaultTest, ReaderEnds_CloseIsQuick_ReopenResumes) {
     s.log.KeepBytes(true);
     ASSERT_EQ(s.Open(src.url, 1), 0);
     ASSERT_TRUE(s.log.WaitForCount(10, kDeadlineMs)) << "no pictures before the fault";
-    if (src.fault) {
-        EXPECT_FALSE(s.IsPlayFinish());
-        src.fault();
-    }
+    EXPECT_FALSE(s.IsPlayFinish());
+    if (src.fault) src.fault();
     if (!row.closeAtOnce) {
         ASSERT_TRUE(Until([&] { return s.IsPlayFinish(); })) << "the reader did not give up";
         EXPECT_TRUE(src.injected());
@@ -193,19 +171,15 @@ INSTANTIATE_TEST_SUITE_P(
     Faults, StreamFaultTest,
     ::testing::Values(
         FaultRow{"TruncatedFrame", [] { return ThroughProxy(FrameProxy::Fault::kTruncate); }, false, kFaultAt, "", false},
-        FaultRow{"TwoMegabytesOfGarbage", [] { return ThroughProxy(FrameProxy::Fault::kGarbage); }, false, kFaultAt, "",
-                 false},
+        FaultRow{"TwoMegabytesOfGarbage", [] { return ThroughProxy(FrameProxy::Fault::kGarbage); }, false, kFaultAt, "", false},
         FaultRow{"ConnectionCutMidFrame", [] { return ThroughProxy(FrameProxy::Fault::kCut); }, false, kFaultAt, "", false},
         // The decoder was opened for the first codec: a change ends the stream.
         FaultRow{"VideoCodecChange", [] { return Simulated(true); }, false, kFaultAt, "Video codec change:27 -> 7 !!", false},
-        FaultRow{"CameraGoesAway", [] { return Simulated(false); }, false, 1 << 30, "http_read_one_frame error time-period:",
-                 false},
+        FaultRow{"CameraGoesAway", [] { return Simulated(false); }, false, 1 << 30, "http_read_one_frame error time-period:", false},
         FaultRow{"RtspServerKilled", [] { return Rtsp(false); }, true, 1 << 30, "", false},
         FaultRow{"RtspServerFrozen_ReadTimeout", [] { return Rtsp(true); }, true, 1 << 30, "", false},
         FaultRow{"RtspServerFrozen_ClosedAtOnce", [] { return Rtsp(true); }, true, 1 << 30, "", true}),
     [](const ::testing::TestParamInfo<FaultRow>& row) { return row.param.name; });
-
-// ---- the camera changes its settings mid-stream: pictures go on ----------
 
 TEST(StreamChange, ResolutionChange_PicturesFollowInBothLayouts) {
     camsim::Options so;
@@ -217,10 +191,7 @@ TEST(StreamChange, ResolutionChange_PicturesFollowInBothLayouts) {
         LiveSession s;
         s.log.KeepBytes(true);
         ASSERT_EQ(s.Open(sim->Url(), yuv), 0);
-        ASSERT_TRUE(Until([&] {
-            auto sizes = s.log.Sizes();
-            return !sizes.empty() && sizes.back() == std::make_pair(1280, 720);
-        })) << "no 1280x720 picture";
+        ASSERT_TRUE(Until([&] { return s.log.Sizes().size() > 1 && s.log.Sizes().back() == std::make_pair(1280, 720); })) << "no 1280x720 picture";
         EXPECT_TRUE(s.log.WaitForCount(s.log.Count() + 25, kDeadlineMs)) << "pictures stopped after the change";
         EXPECT_FALSE(s.IsPlayFinish());
         EXPECT_EQ(s.log.Sizes(), (std::vector<std::pair<int, int>>{{640, 480}, {1280, 720}}));
@@ -230,8 +201,7 @@ TEST(StreamChange, ResolutionChange_PicturesFollowInBothLayouts) {
     }
 }
 
-// The camera restarts with G.722 at 16000 Hz instead of mu-law at 8000 Hz:
-// the audio decoder is reopened and audio and pictures go on.
+// The camera restarts with G.722 at 16000 Hz instead of mu-law at 8000 Hz: audio and pictures go on.
 TEST(StreamChange, AudioCodecChange_AudioGoesOnAtNewRate) {
     camsim::Options a;
     a.pattern.width = 320, a.pattern.height = 240, a.pattern.audio = camsim::AudioCodec::Mulaw;
@@ -239,19 +209,15 @@ TEST(StreamChange, AudioCodecChange_AudioGoesOnAtNewRate) {
     b.pattern.audio = camsim::AudioCodec::G722;
     auto simA = Simulator(a), simB = Simulator(b);
     FrameProxy::Options po;
-    po.upstream_port = simA->Port();
-    po.fault = FrameProxy::Fault::kSplice;
-    po.splice_port = simB->Port();
+    po.upstream_port = simA->Port(), po.fault = FrameProxy::Fault::kSplice, po.splice_port = simB->Port();
     FrameProxy proxy(po);
     ASSERT_TRUE(proxy.Start());
 
     camctl_test::StderrCapture capture;
     LiveSession s;
     ASSERT_EQ(s.Open(proxy.Url(), 0), 0);
-    ASSERT_TRUE(Until([&] {
-        auto r = s.AudioRates();
-        return !r.empty() && r.back().first == 16000 && r.back().second >= 16000;
-    })) << "no second of audio at 16000 Hz";
+    ASSERT_TRUE(Until([&] { auto r = s.AudioRates(); return !r.empty() && r.back().first == 16000 && r.back().second >= 16000; }))
+        << "no second of audio at 16000 Hz";
     EXPECT_TRUE(proxy.FaultInjected());
     const auto rates = s.AudioRates();
     ASSERT_GE(rates.size(), 2u);
@@ -263,8 +229,7 @@ TEST(StreamChange, AudioCodecChange_AudioGoesOnAtNewRate) {
     EXPECT_LT(TimeMs([&] { s.VideoFree(); }), kCloseBudgetMs);
 }
 
-// ---- files cut in half: what is there plays, then the reader finishes -----
-
+// Files cut in half: what is there plays, then the reader finishes.
 struct TruncatedFile {
     const char* name;
     const char* extra;  // ffmpeg options after the common ones
@@ -280,17 +245,12 @@ TEST_P(TruncatedFileTest, PlaysWhatIsThere_ThenFinishes) {
         std::string("-f lavfi -i testsrc2=size=320x240:rate=25 -t 4 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p ") + c.extra);
     TempDir dir;
     const std::string half = dir / (std::string("half.") + c.name);
-    ASSERT_EQ(camctl_test::RunCommand("head -c " + std::to_string(camctl_test::FileSize(whole) / 2) + " '" + whole +
-                                      "' > '" + half + "'"),
-              0);
+    ASSERT_EQ(camctl_test::RunCommand("head -c " + std::to_string(camctl_test::FileSize(whole) / 2) + " '" + whole + "' > '" + half + "'"), 0);
     camctl_test::LoggingFileSession s;
     int result = 0;
     EXPECT_LT(TimeMs([&] { result = s.VideoInit(&s, half.c_str()); }), 5000);
-    if (!c.opens) {
-        EXPECT_EQ(result, -1);
-        return;
-    }
-    ASSERT_EQ(result, 0);
+    ASSERT_EQ(result, c.opens ? 0 : -1);
+    if (!c.opens) return;
     ASSERT_TRUE(Until([&] { return s.IsPlayFinish(); })) << "never finished";
     // 100 pictures in the whole file: about half survive.
     EXPECT_TRUE(s.log.WaitForCount(30, kDeadlineMs));
@@ -308,16 +268,13 @@ INSTANTIATE_TEST_SUITE_P(Files, TruncatedFileTest,
                              return std::string(row.param.name) + (*row.param.extra ? "_IndexFirst" : "");
                          });
 
-// ---- cameras ----------------------------------------------------------------
-
 int CountPicture(void*, void* user, unsigned char*, int, int) {
     static_cast<std::atomic<int>*>(user)->fetch_add(1, std::memory_order_relaxed);
     return 0;
 }
 
-// Main and sub stream opened and closed 500 times, then RTSP sessions (live
-// and playback, paced and not): nothing is left behind (the sanitizer build
-// checks memory).
+// Main and sub stream opened and closed 500 times, then RTSP sessions (live and playback, paced and not):
+// nothing is left behind (the sanitizer build checks memory).
 TEST(Cycles, OpenCloseLeavesNoDescriptorOrThread) {
     camsim::Options mo, so;
     mo.pattern.width = 640, mo.pattern.height = 360;
@@ -327,17 +284,14 @@ TEST(Cycles, OpenCloseLeavesNoDescriptorOrThread) {
     CIpCamera* cam = mgr->AddIpCamera(71, "cycles", "127.0.0.1");
     ASSERT_NE(cam, nullptr);
     std::atomic<int> pictures{0};
-    // Every tenth cycle waits for a picture so the decode path runs too.
-    // (Closing the main stream drops the host's callback: set it each time.)
+    // Every tenth cycle waits for a picture so the decode path runs too (closing drops the callback: set it each time).
     auto cycle = [&](bool waitPicture) {
         ASSERT_EQ(cam->OpenMainStreamVideo(mainSim->Url().c_str()), 0);
         cam->SetVideoBufCallBack(&CountPicture, &pictures);
         ASSERT_EQ(cam->OpenSubStreamVideo(subSim->Url().c_str()), 0);
         ASSERT_EQ(cam->SetDecodeEnable(true, true), 0);
         const int before = pictures.load();
-        if (waitPicture) {
-            EXPECT_TRUE(Until([&] { return pictures.load() > before; }));
-        }
+        EXPECT_TRUE(!waitPicture || Until([&] { return pictures.load() > before; }));
         EXPECT_EQ(cam->CloseSubStreamVideo(), 0);
         EXPECT_EQ(cam->CloseMainStreamVideo(), 0);
     };
@@ -364,14 +318,11 @@ TEST(Cycles, OpenCloseLeavesNoDescriptorOrThread) {
         }
     }
     EXPECT_TRUE(Until([&] { return camctl_test::CountOpenFds() <= fds0 && camctl_test::CountThreads() <= threads0; }))
-        << "descriptors " << fds0 << " -> " << camctl_test::CountOpenFds() << ", threads " << threads0 << " -> "
-        << camctl_test::CountThreads();
+        << "descriptors " << fds0 << " -> " << camctl_test::CountOpenFds() << ", threads " << threads0 << " -> " << camctl_test::CountThreads();
 }
 
-// Records the Motion JPEG camera in 1 s segments below dir until the disk
-// is full: the camera keeps delivering pictures, the recorder says why it
-// stopped, and every file that reached the disk is a complete AVI starting
-// on a key frame.
+// Records the Motion JPEG camera in 1 s segments below dir until the disk is full: pictures go on, the
+// recorder says why it stopped, and every file that reached the disk is a complete AVI starting on a key frame.
 void RecordUntilFull(const std::string& dir, long long capacity) {
     camsim::Options so;
     so.file = MjpegClip();
@@ -389,8 +340,7 @@ void RecordUntilFull(const std::string& dir, long long capacity) {
     ASSERT_EQ(cam->SetDecodeEnable(true, true), 0);
     ASSERT_TRUE(Until([&] { return pictures.load() >= 5; }));
     ASSERT_EQ(cam->StartSaveAvi(1), 0);
-    EXPECT_TRUE(Until([&] { return capture.Text().find("no room left") != std::string::npos; }))
-        << "no log line about the full disk";
+    EXPECT_TRUE(Until([&] { return capture.Text().find("no room left") != std::string::npos; })) << "no log line about the full disk";
     const int before = pictures.load();
     EXPECT_TRUE(Until([&] { return pictures.load() >= before + 25; })) << "pictures stopped when the disk filled";
     cam->StopSaveAvi(7);
@@ -403,17 +353,14 @@ void RecordUntilFull(const std::string& dir, long long capacity) {
         total += camctl_test::FileSize(f);
         if (f.size() < 4 || f.compare(f.size() - 4, 4, ".avi") != 0 || camctl_test::FileSize(f) == 0) continue;
         ++avis;
-        const std::string counts = camctl_test::Ffprobe(
-            "-select_streams v -count_frames -show_entries stream=nb_frames,nb_read_frames -of csv=p=0", f);
+        const std::string counts = camctl_test::Ffprobe("-select_streams v -count_frames -show_entries stream=nb_frames,nb_read_frames -of csv=p=0", f);
         const int header = std::atoi(counts.c_str());
         const int decoded = std::atoi(counts.substr(counts.find(',') + 1).c_str());
         EXPECT_EQ(header, decoded) << f << " has an incomplete index (" << counts << ")";
         // Begun with room for its header but not its first picture: empty yet valid.
         if (header == 0 && decoded == 0 && !counts.empty()) continue;
         EXPECT_GE(decoded, 1) << f << " unreadable (" << counts << ")";
-        EXPECT_EQ(camctl_test::Ffprobe("-select_streams v -show_entries packet=flags -read_intervals %+#1 -of csv=p=0", f)
-                      .substr(0, 1),
-                  "K")
+        EXPECT_EQ(camctl_test::Ffprobe("-select_streams v -show_entries packet=flags -read_intervals %+#1 -of csv=p=0", f).substr(0, 1), "K")
             << f << " does not start on a key frame";
         longest = std::max(longest, decoded);
     }
@@ -442,8 +389,7 @@ TEST(DiskFull, CameraRecordingsStayPlayable) {
         umount2(mnt.c_str(), MNT_DETACH);
         return;
     }
-    // No permission to mount: a child whose files may not grow past the
-    // limit (the recorder sees it as a full disk and must survive SIGXFSZ).
+    // No permission to mount: a child whose files may not grow past the limit (a full disk; it must survive SIGXFSZ).
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {

@@ -28,10 +28,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const Option
     std::vector<std::string> argv = o.prefix;
     argv.insert(argv.end(), command.begin(), command.end());
     std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        if (strncmp(*e, "DISPLAY=", 8) == 0) continue;
-        env.push_back(*e);
-    }
+    for (char** e = environ; *e; ++e)
+        if (strncmp(*e, "DISPLAY=", 8) != 0) env.push_back(*e);
     if (o.display) env.push_back(std::string("DISPLAY=") + o.display);
     std::vector<char*> cargv, cenv;
     for (std::string& a : argv) cargv.push_back(a.data());
@@ -54,10 +52,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const Option
 }
 
 ChildProcess::~ChildProcess() {
-    if (pid_ > 0 && !done_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    Signal(SIGKILL);
+    Reap(true);
 }
 
 std::string ChildProcess::Out() const { return ReadText(dir_ / "stdout"); }
@@ -82,22 +78,13 @@ bool ChildProcess::WaitForText(const std::string& text, double seconds) {
 }
 
 ChildResult ChildProcess::Wait(double seconds) {
-    ChildResult r;
     const auto start = Clock::now();
     while (!Reap(false) && Since(start) < seconds) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    r.seconds = Since(start_);
-    if (!done_) {
-        kill(pid_, SIGKILL);
-        Reap(true);
-        r.code = -1;
-    } else if (WIFEXITED(status_)) {
-        r.code = WEXITSTATUS(status_);
-    } else if (WIFSIGNALED(status_)) {
-        r.code = 128 + WTERMSIG(status_);
-    }
-    r.out = Out();
-    r.err = Err();
-    return r;
+    const bool late = !done_;
+    Signal(SIGKILL);
+    Reap(true);
+    const int code = late ? -1 : WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
+    return {code, Since(start_), Out(), Err()};
 }
 
 SilentServer::SilentServer() {
@@ -170,9 +157,8 @@ std::vector<std::string> RecordedFiles(const std::string& out) {
 }
 
 std::string ProbeVideo(const std::string& file) {
-    std::string s = Ffprobe("-select_streams v:0 -show_entries stream=codec_name,width,height,pix_fmt -of csv=p=0", file);
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
-    return s;
+    const std::vector<std::string> l = Lines(Ffprobe("-select_streams v:0 -show_entries stream=codec_name,width,height,pix_fmt -of csv=p=0", file));
+    return l.empty() ? "" : l[0];
 }
 
 double ProbeDuration(const std::string& file) {

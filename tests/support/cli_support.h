@@ -1,5 +1,4 @@
-// Child processes with captured output, a server that never answers, and
-// checks of the files the command-line tools write.
+// Child processes with captured output, a server that never answers, and checks of the files the tools write.
 #pragma once
 
 #include <sys/types.h>
@@ -17,35 +16,28 @@ namespace camctl_test {
 struct ChildResult {
     int code = -1;  // exit code; 128 + n for signal n; -1 when killed for taking too long
     double seconds = 0;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 class ChildProcess {
 public:
     struct Options {
         const char* display = nullptr;    // DISPLAY for the child; null: none
-        std::string cwd;                  // working folder; empty: ours
+        std::string cwd;                  // empty: ours
         std::vector<std::string> prefix;  // run through this (e.g. setpriv ...)
     };
-
-    // Starts argv[0] (looked up in PATH when it has no '/') with argv.
-    ChildProcess(const std::vector<std::string>& argv, const Options& options);
+    ChildProcess(const std::vector<std::string>& argv, const Options& options);  // argv[0] looked up in PATH
     ~ChildProcess();  // kills a child still running
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-
     std::string Out() const;
     std::string Err() const;
     void Signal(int sig);
-    // True once stdout or stderr contains text; false after `seconds` or at its end.
-    bool WaitForText(const std::string& text, double seconds);
-    // Waits for the end; kills the child after `seconds` (code -1).
-    ChildResult Wait(double seconds);
+    bool WaitForText(const std::string& text, double seconds);  // in stdout or stderr; false at the end
+    ChildResult Wait(double seconds);                           // kills the child after `seconds` (code -1)
 
 private:
     bool Reap(bool block);
-
     TempDir dir_;
     pid_t pid_ = -1;
     bool done_ = false;
@@ -63,30 +55,22 @@ public:
     int port() const { return port_; }
 
 private:
-    int fd_ = -1;
-    int port_ = 0;
+    int fd_ = -1, port_ = 0;
     std::atomic<bool> stop_{false};
     std::vector<int> held_;  // the accept thread's, until joined
     std::thread thread_;
 };
 
 std::string ReadText(const std::string& path);
-// Non-empty lines; of a line rewritten with carriage returns, the last text.
-std::vector<std::string> Lines(const std::string& text);
-// The text after "key: " on the first line starting with it; "" when none.
-std::string Field(const std::string& text, const std::string& key);
+std::vector<std::string> Lines(const std::string& text);  // non-empty; of a line rewritten with '\r', the last text
+std::string Field(const std::string& text, const std::string& key);  // after "key: " on its first line; "" when none
 bool Contains(const std::string& text, const std::string& what);
-
 std::vector<std::string> Camctl(std::vector<std::string> args);  // this build's camctl, with args
 ChildResult RunCamctl(const std::vector<std::string>& args, double seconds = 60);
 std::vector<std::string> RecordedFiles(const std::string& out);  // of "recorded: PATH (N bytes)" lines
-
-// "codec,width,height,pix_fmt" of the first video stream or picture
-// ("h264,640,360,yuv420p"); "" when ffprobe fails.
-std::string ProbeVideo(const std::string& file);
-double ProbeDuration(const std::string& file);  // seconds; -1 when ffprobe fails
-bool Decodes(const std::string& file);          // ffmpeg decodes it all without an error
-
+std::string ProbeVideo(const std::string& file);  // "h264,640,360,yuv420p" of the first video stream; "" on failure
+double ProbeDuration(const std::string& file);    // seconds; -1 when ffprobe fails
+bool Decodes(const std::string& file);            // ffmpeg decodes it all without an error
 // "<name>+<id>_YYYYMMDD-hhmmss_<reason>_<seconds>.avi" with the index the trailer writes.
 bool IsFinishedRecording(const std::string& path, int reason, int* seconds = nullptr);
 

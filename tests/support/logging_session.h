@@ -1,6 +1,4 @@
-// A session that records what the engine delivers instead of forwarding it
-// to a camera or player: the owner given to VideoInit is the session itself,
-// so every slot is taken here.
+// A session that records what the engine delivers: the owner given to VideoInit is the session itself.
 #pragma once
 
 #include <atomic>
@@ -15,27 +13,16 @@ namespace camctl_test {
 template <class Session>
 class LoggingSession : public Session {
 public:
-    // Closed here, while this class's slots still stand: the base
-    // destructor would leave the engine calling the owner forwarding.
-    ~LoggingSession() override { this->VideoFree(); }
-
+    ~LoggingSession() override { this->VideoFree(); }  // while this class's slots still stand
     int DoVideoBuffer(unsigned char* buf, int width, int height) override {
-        log.OnPicture(buf, width, height, this->m_bD3DDisplay != 0);
-        return 0;
+        return log.OnPicture(buf, width, height, this->m_bD3DDisplay != 0), 0;
     }
-    int DoAudioBuffer(unsigned short*, int count, int rate) override {
-        audioSamples += count;
-        audioRate = rate;
-        return 0;
-    }
+    int DoAudioBuffer(unsigned short*, int count, int rate) override { return audioSamples += count, audioRate = rate, 0; }
     int UpdateMotionAlarmRegion(char*) override { return 0; }
-
-    // Opens url with the given layout and decoding switched on.
-    int Open(const std::string& url, int layout) {
+    int Open(const std::string& url, int layout) {  // with decoding switched on
         this->SetD3DDisplay(layout);
-        int rc = this->VideoInit(this, url.c_str());
-        if (rc == 0) this->SetDecodeEnbale(1);
-        return rc;
+        const int rc = this->VideoInit(this, url.c_str());
+        return rc == 0 ? this->SetDecodeEnbale(1), 0 : rc;
     }
     FFMpegContext* Context() { return this->m_pContext; }  // for the engine's own tests
 

@@ -1,9 +1,6 @@
 #!/usr/bin/python3
-"""RTSP test server on 127.0.0.1: one GStreamer launch line per --mount, --auth
-PATH basic|digest USER PASSWORD guarding a mount; writes the bound port to
---port-file once it listens. When a payloader's stream ends it prints
-"sent payN packets=P stamps=S span=T" (RTP packets, distinct RTP timestamps,
-RTP clock span)."""
+"""RTSP test server on 127.0.0.1: --mount PATH LAUNCH, --auth PATH basic|digest USER PASSWORD; writes the bound
+port to --port-file once it listens; at a payloader's end prints "sent payN packets=P stamps=S span=T"."""
 import argparse
 import os
 import sys
@@ -23,12 +20,12 @@ class MountAuth(GstRtspServer.RTSPAuth):
 
     def __init__(self, methods):
         super().__init__()
-        self.methods = methods  # path -> GstRtsp.RTSPAuthMethod
+        self.methods = methods
 
     def do_generate_authenticate_header(self, ctx):
         path = ctx.uri.abspath if ctx.uri else ""
         method = next((m for p, m in self.methods.items() if path == p or path.startswith(p + "/")), None)
-        self.set_supported_methods(method if method is not None else GstRtsp.RTSPAuthMethod.BASIC)
+        self.set_supported_methods(METHODS["basic"] if method is None else method)
         GstRtspServer.RTSPAuth.do_generate_authenticate_header(self, ctx)
 
 
@@ -38,21 +35,13 @@ def token(role):
     return t
 
 
-def permit(factory, role, construct=True):
-    # A role that may see but not construct a mount is answered 401 there
-    # (one that may not even see it would get 404).
-    factory.add_role_from_structure(Gst.Structure.new_from_string(
-        "%s,media.factory.access=(boolean)true,media.factory.construct=(boolean)%s" % (role, str(construct).lower())))
-
-
 def count_sent(_factory, media):
     for index in range(8):
         pay = media.get_element().get_by_name("pay%d" % index)
         if pay is None:
             return
-        stats = {"packets": 0, "stamps": 0, "first": None, "last": None}
         kinds = Gst.PadProbeType.BUFFER | Gst.PadProbeType.BUFFER_LIST | Gst.PadProbeType.EVENT_DOWNSTREAM
-        pay.get_static_pad("src").add_probe(kinds, on_sent, (pay.get_name(), stats))
+        pay.get_static_pad("src").add_probe(kinds, on_sent, (pay.get_name(), {"packets": 0, "stamps": 0, "first": None, "last": None}))
 
 
 def on_sent(_pad, info, data):
@@ -64,7 +53,7 @@ def on_sent(_pad, info, data):
         return Gst.PadProbeReturn.OK
     bufs = info.get_buffer_list()
     for buf in [info.get_buffer()] if info.type & Gst.PadProbeType.BUFFER else [bufs.get(i) for i in range(bufs.length())]:
-        stamp = int.from_bytes(buf.extract_dup(4, 4), "big")
+        stamp = int.from_bytes(buf.extract_dup(4, 4), "big")  # the RTP timestamp
         st["packets"] += 1
         st["stamps"] += stamp != st["last"]
         st["first"] = stamp if st["first"] is None else st["first"]
@@ -80,12 +69,10 @@ def main():
     parser.add_argument("--mount", nargs=2, action="append", default=[])
     parser.add_argument("--auth", nargs=4, action="append", default=[])
     args = parser.parse_args()
-
     Gst.init(None)
     server = GstRtspServer.RTSPServer()
     server.set_address("127.0.0.1")
-    server.set_service(str(args.port))  # 0: any free port
-    mounts = server.get_mount_points()
+    server.set_service(str(args.port))
     protected = {path: (method, user, password) for path, method, user, password in args.auth}
     auth = MountAuth({path: METHODS[p[0]] for path, p in protected.items()}) if protected else None
     if auth:
@@ -99,23 +86,22 @@ def main():
         factory.connect("media-configure", count_sent)
         if args.udp_only:
             factory.set_protocols(GstRtsp.RTSPLowerTrans.UDP)
-        if auth and path in protected:
+        own = "mount%d" % index if path in protected else None
+        if own:
             method, user, password = protected[path]
-            role = "mount%d" % index
             if method == "basic":
-                auth.add_basic(GstRtspServer.RTSPAuth.make_basic(user, password), token(role))
+                auth.add_basic(GstRtspServer.RTSPAuth.make_basic(user, password), token(own))
             else:
-                auth.add_digest(user, password, token(role))
-            for other in roles:
-                permit(factory, other, other == role)
-        elif auth:
-            for other in roles:
-                permit(factory, other)
-        mounts.add_factory(path, factory)
+                auth.add_digest(user, password, token(own))
+        for role in roles if auth else []:
+            # A role that may see but not construct a mount is answered 401 there (one that may not see it, 404).
+            construct = "true" if own is None or role == own else "false"
+            factory.add_role_from_structure(Gst.Structure.new_from_string(
+                "%s,media.factory.access=(boolean)true,media.factory.construct=(boolean)%s" % (role, construct)))
+        server.get_mount_points().add_factory(path, factory)
     if server.attach(None) == 0:
         print("rtsp_server: attach failed", file=sys.stderr)
         return 1
-
     with open(args.port_file + ".tmp", "w") as f:
         f.write("%d\n" % server.get_bound_port())
     os.rename(args.port_file + ".tmp", args.port_file)  # whole, or not there
