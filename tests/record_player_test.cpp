@@ -1,13 +1,15 @@
-// CRecordPlayer against real AVI files made with the ffmpeg CLI.
+// Faults caught: wrong pace per speed level, pause/seek/stop that do not take effect or hang, lost
+// sound, wrong snapshot folder/name/pixels/padding, bad calls accepted while idle, leaked threads.
 //
 // The main fixture is a black 322x242 picture with a white bar in its upper
 // half whose x position is 5 x (whole seconds of the picture's timestamp), so
 // every delivered picture tells which second of the file it shows. 322
-// pixels of 3 bytes make rows that need 2 bytes of BMP padding.
+// pixels of 3 bytes make rows that need 2 bytes of BMP padding. Pace is
+// checked by lower bounds on durations (a loaded machine only delays
+// pictures) and by ordering speeds against each other; figures live in bench/.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cctype>
@@ -72,12 +74,6 @@ bool IsSnapshotPath(const std::string& path, const std::string& folder) {
     return true;
 }
 
-// A pace within a quarter of the expected interval.
-void ExpectGap(std::chrono::microseconds want, std::chrono::microseconds got) {
-    EXPECT_GE(got, want * 3 / 4) << got.count() << " us between pictures";
-    EXPECT_LE(got, want * 5 / 4) << got.count() << " us between pictures";
-}
-
 // Everything the player hands to the host, with the time it arrived.
 struct Deliveries {
     std::mutex mu;
@@ -90,7 +86,6 @@ struct Deliveries {
     std::vector<unsigned char> captured;
     CRecordPlayer* player = nullptr;
     bool wrong_player = false;
-    // Audio.
     long long samples = 0;
     int audio_calls = 0;
     int rate = 0;
@@ -99,13 +94,17 @@ struct Deliveries {
         std::lock_guard<std::mutex> lock(mu);
         return times.size();
     }
-    bool WaitCount(size_t n, std::chrono::milliseconds timeout) {
+    bool WaitCount(size_t n, std::chrono::milliseconds timeout = 30s) {
         std::unique_lock<std::mutex> lock(mu);
         return cv.wait_for(lock, timeout, [&] { return times.size() >= n; });
     }
     int LastSecond() {
         std::lock_guard<std::mutex> lock(mu);
         return seconds.empty() ? -1 : seconds.back();
+    }
+    long long Samples() {
+        std::lock_guard<std::mutex> lock(mu);
+        return samples;
     }
 };
 
@@ -148,128 +147,127 @@ protected:
 
     void Play(const std::string& file) {
         ASSERT_EQ(0, player_->PlayFile(file.c_str(), nullptr, 0, 0));
-        ASSERT_TRUE(d_.WaitCount(1, 20s)) << "no picture from " << file;
+        ASSERT_TRUE(d_.WaitCount(1)) << "no picture from " << file;
     }
 
-    // The player's pace at a level: the median gap between the next n
-    // pictures, once two have passed at the new level. A loaded machine
-    // delays single pictures (long gaps, then a short one to catch up) but
-    // leaves the median at the level's interval.
-    std::chrono::microseconds MedianGapAtLevel(int level, size_t n) {
-        EXPECT_EQ(0, player_->SetSpeedLevel(level));
-        return MedianGap(n);
-    }
-    std::chrono::microseconds MedianGap(size_t n) {
+    // Time the next n pictures take, once two have passed at the current
+    // level. The player keeps a schedule, so load can lengthen it but never
+    // shorten it below (n - 1) intervals.
+    std::chrono::microseconds Span(size_t n) {
         const size_t first = d_.Count() + 2;
-        EXPECT_TRUE(d_.WaitCount(first + n + 1, 60s)) << "the player stopped delivering";
-        std::vector<std::chrono::microseconds> gaps;
-        {
-            std::lock_guard<std::mutex> lock(d_.mu);
-            for (size_t i = first; i < first + n && i + 1 < d_.times.size(); ++i)
-                gaps.push_back(std::chrono::duration_cast<std::chrono::microseconds>(d_.times[i + 1] - d_.times[i]));
-        }
-        if (gaps.empty()) return {};
-        std::nth_element(gaps.begin(), gaps.begin() + gaps.size() / 2, gaps.end());
-        return gaps[gaps.size() / 2];
+        EXPECT_TRUE(d_.WaitCount(first + n, 60s)) << "the player stopped delivering";
+        std::lock_guard<std::mutex> lock(d_.mu);
+        if (d_.times.size() < first + n) return {};
+        return std::chrono::duration_cast<std::chrono::microseconds>(d_.times[first + n - 1] - d_.times[first]);
+    }
+    std::chrono::microseconds SpanAtLevel(int level, size_t n) {
+        EXPECT_EQ(0, player_->SetSpeedLevel(level));
+        return Span(n);
+    }
+    void WaitFinished() {
+        EXPECT_TRUE(camctl_test::WaitUntil([&] { return player_->IsPlayFinish(); }, 60s));
     }
 
     Deliveries d_;
     std::unique_ptr<CRecordPlayer> player_;
 };
 
-TEST_F(RecordPlayerTest, Pacing_SpeedLevelsSetPictureRate) {
+// n pictures took at least (n - 1) intervals, less a tenth for tick rounding.
+void ExpectAtLeast(std::chrono::microseconds interval, size_t n, std::chrono::microseconds got) {
+    EXPECT_GE(got, interval * static_cast<int>(n - 1) * 9 / 10) << got.count() << " us for " << n << " pictures";
+}
+
+TEST_F(RecordPlayerTest, Pacing_SpeedLevels) {
     Play(BarFile());
     EXPECT_EQ(kWidth, d_.width);
     EXPECT_EQ(kHeight, d_.height);
-    // d = 40 ms: 20 ticks of 2 ms at level 0, 10 at 2x, 40 at half speed.
-    ExpectGap(40ms, MedianGapAtLevel(0, 40));
-    ExpectGap(20ms, MedianGapAtLevel(101, 60));
-    ExpectGap(80ms, MedianGapAtLevel(4, 20));
-    // An unknown level keeps the current pace.
-    ExpectGap(80ms, MedianGapAtLevel(57, 10));
-}
-
-TEST_F(RecordPlayerTest, Pacing_Level104IsTwoTicksPerPicture) {
-    Play(BarFile());
-    // 40 / 32 = 1 tick is raised to 2: one picture per 4 ms, not 2.
-    const auto gap = MedianGapAtLevel(104, 200);
-    EXPECT_GE(gap, 3ms);
-    EXPECT_LE(gap, 6ms);
+    // Level -> interval: 20 ticks of 2 ms at level 0, 10 at 2x, 40 at half
+    // speed; 40 / 32 = 1 tick at level 104 is raised to 2.
+    const struct { int level; std::chrono::microseconds interval; size_t n; } table[] = {
+        {0, 40ms, 25}, {101, 20ms, 40}, {4, 80ms, 12}, {104, 4ms, 150},
+    };
+    std::vector<std::chrono::microseconds> spans;
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.level);
+        spans.push_back(SpanAtLevel(row.level, row.n));
+        ExpectAtLeast(row.interval, row.n, spans.back());
+    }
+    // Per picture, 2x is faster than 1x and 1x faster than half speed.
+    EXPECT_LT(spans[1] / 40, spans[0] / 25);
+    EXPECT_LT(spans[0] / 25, spans[2] / 12);
+    // An unknown level keeps the current pace (half speed).
+    ASSERT_EQ(0, player_->SetSpeedLevel(4));
+    ExpectAtLeast(80ms, 8, SpanAtLevel(57, 8));
 }
 
 TEST_F(RecordPlayerTest, Pacing_FileAbove90FpsPlaysAt40MsPerPicture) {
     Play(FastFile());
-    ExpectGap(40ms, MedianGap(30));
+    ExpectAtLeast(40ms, 25, Span(25));
 }
 
 TEST_F(RecordPlayerTest, Pacing_FirstPictureAfterSpeedChangeIsPrompt) {
     Play(BarFile());
     // At 1/16 speed a picture is due every 640 ms; the change itself lets the
-    // next picture out at once.
-    ASSERT_EQ(0, player_->SetSpeedLevel(1));
+    // next picture out at once, and the one after it waits for its 640 ms.
     const size_t before = d_.Count();
     const auto t0 = Clock::now();
-    ASSERT_TRUE(d_.WaitCount(before + 1, 1s));
-    EXPECT_LT(Clock::now() - t0, 500ms);
-    // ... and the one after it waits for its 640 ms.
-    ASSERT_TRUE(d_.WaitCount(before + 2, 2s));
+    ASSERT_EQ(0, player_->SetSpeedLevel(1));
+    ASSERT_TRUE(d_.WaitCount(before + 3));
     std::lock_guard<std::mutex> lock(d_.mu);
-    const auto gap = d_.times[before + 1] - d_.times[before];
-    EXPECT_GT(gap, 500ms);
+    const auto prompt = d_.times[before] - t0;
+    const auto gap = d_.times[before + 2] - d_.times[before + 1];
+    EXPECT_GT(gap, 570ms);
+    EXPECT_LT(prompt, gap / 2);
 }
 
 TEST_F(RecordPlayerTest, Control_PauseHoldsPicturesAndResumeContinues) {
     Play(BarFile());
-    ASSERT_TRUE(d_.WaitCount(5, 2s));
-    std::this_thread::sleep_for(20ms);  // mid-interval: the next picture waits for its tick
+    ASSERT_TRUE(d_.WaitCount(5));
     const size_t before = d_.Count();
     ASSERT_EQ(0, player_->Pause());
-    std::this_thread::sleep_for(50ms);  // a picture released just before the pause may finish
-    const size_t at_pause = d_.Count();
-    EXPECT_LE(at_pause, before + 1);
-    // Longer than the 1000 ms frame wait: the held picture stays held.
+    // Longer than the 1000 ms frame wait: the held picture stays held. One
+    // picture released just before the pause may still arrive.
     std::this_thread::sleep_for(1300ms);
-    EXPECT_EQ(at_pause, d_.Count());
     const size_t held = d_.Count();
+    EXPECT_LE(held, before + 1);
     ASSERT_EQ(0, player_->Resume());
-    EXPECT_TRUE(d_.WaitCount(held + 25, 20s));
+    EXPECT_TRUE(d_.WaitCount(held + 25));
 }
 
 TEST_F(RecordPlayerTest, Control_SeekTwelveShowsSecondTen) {
     Play(BarFile());
-    ASSERT_TRUE(d_.WaitCount(3, 2s));
+    ASSERT_TRUE(d_.WaitCount(3));
     EXPECT_LT(d_.LastSecond(), 2);
     const size_t before = d_.Count();
     ASSERT_EQ(0, player_->SeekTime(12));
-    ASSERT_TRUE(d_.WaitCount(before + 30, 3s));
+    ASSERT_TRUE(d_.WaitCount(before + 35));
     std::vector<int> after;
     {
         std::lock_guard<std::mutex> lock(d_.mu);
         after.assign(d_.seconds.begin() + before, d_.seconds.end());
     }
     // A few pictures of the old position may still be on their way; the
-    // first picture of the new one is second 10, never 12 or later.
+    // first picture of the new one is second 10, never 12 or later, and
+    // the whole of second 10 follows.
     size_t i = 0;
     while (i < after.size() && after[i] < 10) ++i;
     ASSERT_LT(i, 5u) << "seek did not take effect";
-    EXPECT_EQ(10, after[i]);
-    EXPECT_GE(after.back(), 10);
-    EXPECT_LE(after.back(), 11);
+    ASSERT_GE(after.size(), i + 25);
+    for (size_t k = i; k < i + 25; ++k) EXPECT_EQ(10, after[k]) << "picture " << k - i << " after the seek";
     const int64_t now = player_->GetCurrTime();
     EXPECT_GE(now, 10);
-    EXPECT_LE(now, 11);
+    EXPECT_LE(now, d_.LastSecond() + 1);
     EXPECT_EQ(60, player_->GetDuration());
 }
 
 TEST_F(RecordPlayerTest, Control_StopWhileDecodeThreadWaitsIsPrompt) {
     Play(BarFile());
     ASSERT_EQ(0, player_->SetSpeedLevel(1));  // 640 ms per picture
-    const size_t n = d_.Count();
-    ASSERT_TRUE(d_.WaitCount(n + 1, 1s));
+    ASSERT_TRUE(d_.WaitCount(d_.Count() + 1));
     std::this_thread::sleep_for(100ms);  // the next picture now waits
     const auto t0 = Clock::now();
     ASSERT_EQ(0, player_->Stop());
-    EXPECT_LT(Clock::now() - t0, 100ms);
+    EXPECT_LT(Clock::now() - t0, 400ms) << "Stop waited for the picture's tick";
     const size_t stopped = d_.Count();
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(stopped, d_.Count());
@@ -309,9 +307,7 @@ TEST_F(RecordPlayerTest, Control_EndOfFileIsReported) {
         "-f lavfi -i testsrc2=size=160x120:rate=25 -t 1 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p");
     Play(file);
     EXPECT_EQ(0, player_->SetSpeedLevel(104));
-    const auto deadline = Clock::now() + 3s;
-    while (!player_->IsPlayFinish() && Clock::now() < deadline) std::this_thread::sleep_for(20ms);
-    EXPECT_TRUE(player_->IsPlayFinish());
+    WaitFinished();
     EXPECT_EQ(0, player_->Stop());
 }
 
@@ -320,10 +316,9 @@ TEST_F(RecordPlayerTest, Snapshot_WhilePausedWritesFirstPictureAfterResume) {
     ASSERT_EQ(0, mkdir((dir / "VMS").c_str(), 0755));
     ASSERT_EQ(0, player_->SetSaveDir(dir.path().c_str()));
     Play(BarFile());
-    ASSERT_TRUE(d_.WaitCount(30, 3s));  // into second 1
-    std::this_thread::sleep_for(20ms);  // mid-interval: the next picture waits for its tick
+    ASSERT_TRUE(d_.WaitCount(30));  // into second 1
     ASSERT_EQ(0, player_->Pause());
-    std::this_thread::sleep_for(100ms);
+    std::this_thread::sleep_for(100ms);  // a picture released before the pause arrives
     ASSERT_EQ(0, player_->SaveImage());
     std::this_thread::sleep_for(1200ms);
     EXPECT_TRUE(camctl_test::ListFiles(dir.path()).empty()) << "written while paused";
@@ -334,37 +329,25 @@ TEST_F(RecordPlayerTest, Snapshot_WhilePausedWritesFirstPictureAfterResume) {
         before = d_.times.size();
     }
     ASSERT_EQ(0, player_->Resume());
-    ASSERT_TRUE(d_.WaitCount(before + 3, 2s));
+    ASSERT_TRUE(camctl_test::WaitUntil([&] { return !camctl_test::ListFiles(dir.path()).empty(); }));
+    ASSERT_TRUE(d_.WaitCount(before + 3));
     const auto files = camctl_test::ListFiles(dir.path());
     ASSERT_EQ(1u, files.size());
     EXPECT_TRUE(IsSnapshotPath(files[0], dir / "VMS/PLAY-IMAGE-MANUAL")) << files[0];
+    EXPECT_EQ(camctl_test::Ffprobe("-show_entries stream=width,height,pix_fmt -of csv=p=0", files[0]),
+              "322,242,bgr24\n");
 
+    // After a 54-byte header, the pixel rows are the first picture
+    // delivered after Resume, each followed by two zero bytes of padding.
     const auto bmp = camctl_test::ReadFileBytes(files[0]);
-    const uint32_t row = (kWidth * 3 + 3) / 4 * 4;
-    ASSERT_EQ(968u, row);
+    const size_t row = kWidth * 3 + 2;
     ASSERT_EQ(54 + row * kHeight, bmp.size());
-    auto le32 = [&](size_t off) {
-        return static_cast<uint32_t>(bmp[off] | bmp[off + 1] << 8 | bmp[off + 2] << 16 | bmp[off + 3] << 24);
-    };
-    auto le16 = [&](size_t off) { return static_cast<uint32_t>(bmp[off] | bmp[off + 1] << 8); };
     EXPECT_EQ('B', bmp[0]);
     EXPECT_EQ('M', bmp[1]);
-    EXPECT_EQ(bmp.size(), le32(2));
-    EXPECT_EQ(54u, le32(10));
-    EXPECT_EQ(40u, le32(14));
-    EXPECT_EQ(static_cast<uint32_t>(kWidth), le32(18));
-    EXPECT_EQ(static_cast<uint32_t>(kHeight), le32(22));
-    EXPECT_EQ(1u, le16(26));
-    EXPECT_EQ(24u, le16(28));
-    EXPECT_EQ(0u, le32(30));
-    EXPECT_EQ(row * kHeight, le32(34));
-
-    // The pixel rows are the first picture delivered after Resume, each
-    // followed by two zero bytes of padding.
     std::lock_guard<std::mutex> lock(d_.mu);
     ASSERT_EQ(static_cast<size_t>(kWidth) * kHeight * 3, d_.captured.size());
     for (int y = 0; y < kHeight; ++y) {
-        const unsigned char* file_row = bmp.data() + 54 + static_cast<size_t>(y) * row;
+        const unsigned char* file_row = bmp.data() + 54 + y * row;
         ASSERT_EQ(0, std::memcmp(file_row, d_.captured.data() + static_cast<size_t>(y) * kWidth * 3, kWidth * 3))
             << "row " << y;
         EXPECT_EQ(0, file_row[kWidth * 3]);
@@ -378,9 +361,7 @@ TEST_F(RecordPlayerTest, Snapshot_WhilePausedWritesFirstPictureAfterResume) {
 
     // Read back by an independent decoder, the bar is in the upper half.
     std::string gray;
-    ASSERT_EQ(0, camctl_test::RunCommand("ffmpeg -v error -i '" + files[0] +
-                                             "' -f rawvideo -pix_fmt gray -",
-                                         &gray));
+    ASSERT_EQ(0, camctl_test::RunCommand("ffmpeg -v error -i '" + files[0] + "' -f rawvideo -pix_fmt gray -", &gray));
     ASSERT_EQ(static_cast<size_t>(kWidth) * kHeight, gray.size());
     auto bright = [&](int top_row) {
         int n = 0;
@@ -394,8 +375,7 @@ TEST_F(RecordPlayerTest, Snapshot_WhilePausedWritesFirstPictureAfterResume) {
 TEST_F(RecordPlayerTest, Snapshot_FolderAndPathRules) {
     camctl_test::TempDir dir;
     // Missing levels are created; a trailing separator is dropped.
-    const std::string nested = dir / "a/b/";
-    ASSERT_EQ(0, player_->SetSaveDir(nested.c_str()));
+    ASSERT_EQ(0, player_->SetSaveDir((dir / "a/b/").c_str()));
     struct stat st {};
     ASSERT_EQ(0, stat((dir / "a/b").c_str(), &st));
     EXPECT_TRUE(S_ISDIR(st.st_mode));
@@ -407,13 +387,13 @@ TEST_F(RecordPlayerTest, Snapshot_FolderAndPathRules) {
     EXPECT_NE(0, stat((dir / "a/b/VMS").c_str(), &st));
     Play(FastFile());
     ASSERT_EQ(0, player_->SaveImage());
-    const size_t n = d_.Count();
-    ASSERT_TRUE(d_.WaitCount(n + 3, 2s));
+    ASSERT_TRUE(d_.WaitCount(d_.Count() + 3));
     EXPECT_TRUE(camctl_test::ListFiles(dir.path()).empty());
     // Once VMS exists the next snapshot lands in its PLAY-IMAGE-MANUAL.
     ASSERT_EQ(0, mkdir((dir / "a/b/VMS").c_str(), 0755));
     ASSERT_EQ(0, player_->SaveImage());
-    ASSERT_TRUE(d_.WaitCount(d_.Count() + 3, 2s));
+    ASSERT_TRUE(camctl_test::WaitUntil([&] { return !camctl_test::ListFiles(dir.path()).empty(); }));
+    ASSERT_TRUE(d_.WaitCount(d_.Count() + 3));
     const auto files = camctl_test::ListFiles(dir.path());
     ASSERT_EQ(1u, files.size());
     EXPECT_EQ(54 + 480 * 120, camctl_test::FileSize(files[0]));  // 160 x 3 needs no padding
@@ -423,17 +403,14 @@ TEST_F(RecordPlayerTest, Audio_EverySampleReachesTheCallback) {
     player_->SetAudioBufCallBack(&OnAudio, &d_);
     Play(AudioFile());
     ASSERT_EQ(0, player_->SetSpeedLevel(104));
-    const auto deadline = Clock::now() + 5s;
-    while (!player_->IsPlayFinish() && Clock::now() < deadline) std::this_thread::sleep_for(20ms);
-    ASSERT_TRUE(player_->IsPlayFinish());
-    std::this_thread::sleep_for(300ms);  // the audio queue drains after the reader ends
-    std::lock_guard<std::mutex> lock(d_.mu);
-    EXPECT_EQ(8000, d_.rate);
+    WaitFinished();
     // 8 s of 8 kHz sound in blocks of 1024 samples, delivered as fast as it
     // is read. The session currently loses what is decoded while it is still
     // opening (up to half a second), so the lower bound leaves room for that.
+    EXPECT_TRUE(camctl_test::WaitUntil([&] { return d_.Samples() >= 7 * 8000; })) << d_.Samples();
+    std::lock_guard<std::mutex> lock(d_.mu);
+    EXPECT_EQ(8000, d_.rate);
     EXPECT_LE(d_.samples, 8 * 8000);
-    EXPECT_GE(d_.samples, 7 * 8000);
 }
 
 TEST_F(RecordPlayerTest, Audio_NotHeldWhilePicturesAre) {
@@ -449,7 +426,7 @@ TEST_F(RecordPlayerTest, Audio_NotHeldWhilePicturesAre) {
     }
     const auto t0 = Clock::now();
     EXPECT_EQ(0, player_->DoAudioBuffer(nullptr, samples, 160, 8000));
-    EXPECT_LT(Clock::now() - t0, 20ms);
+    EXPECT_LT(Clock::now() - t0, 300ms) << "sound waited for the picture's tick";
     std::lock_guard<std::mutex> lock(d_.mu);
     EXPECT_GE(d_.audio_calls, calls + 1);
 }
@@ -479,9 +456,7 @@ TEST_F(RecordPlayerTest, Recording_FromCameraPlaysAt25Fps) {
         RecordingSession session;
         ASSERT_EQ(0, session.VideoInit(&session, server.Url().c_str()));
         ASSERT_EQ(0, session.StartSaveAvi(file.c_str()));
-        const auto deadline = Clock::now() + 10s;
-        while (!session.IsPlayFinish() && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
-        ASSERT_TRUE(session.IsPlayFinish());
+        ASSERT_TRUE(camctl_test::WaitUntil([&] { return session.IsPlayFinish(); }, 60s));
         ASSERT_EQ(0, session.VideoFree());
     }
     server.Stop();
@@ -493,7 +468,7 @@ TEST_F(RecordPlayerTest, Recording_FromCameraPlaysAt25Fps) {
     // many of the 150 pictures came before depends on the machine's load).
     EXPECT_GE(player_->GetDuration(), 1);
     EXPECT_LE(player_->GetDuration(), 6);
-    ExpectGap(40ms, MedianGapAtLevel(0, 10));
+    ExpectAtLeast(40ms, 10, SpanAtLevel(0, 10));
 }
 
 TEST(RecordPlayerLifecycle, DestroyWhilePlayingLeavesNoThread) {
@@ -506,15 +481,13 @@ TEST(RecordPlayerLifecycle, DestroyWhilePlayingLeavesNoThread) {
         player->SetVideoBufCallBack(&OnVideo, &d);
         player->SetAudioBufCallBack(&OnAudio, &d);
         ASSERT_EQ(0, player->PlayFile(file.c_str(), nullptr, 0, 0));
-        ASSERT_TRUE(d.WaitCount(2, 3s));
+        ASSERT_TRUE(d.WaitCount(2));
         if (round == 1) player->Pause();
         player.reset();
         EXPECT_FALSE(d.wrong_player);
     }
     // Threads a stream leaves behind may take a moment to end.
-    const auto deadline = Clock::now() + 2s;
-    while (camctl_test::CountThreads() > threads_before && Clock::now() < deadline)
-        std::this_thread::sleep_for(20ms);
+    camctl_test::WaitUntil([&] { return camctl_test::CountThreads() <= threads_before; });
     EXPECT_EQ(threads_before, camctl_test::CountThreads());
 }
 
