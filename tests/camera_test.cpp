@@ -417,20 +417,6 @@ TEST_F(LiveCameraTest, Motion_SceneSwitchRecordsFiveSecondsAndTakesSnapshot) {
     EXPECT_LE(len, 12);
 }
 
-TEST_F(LiveCameraTest, Motion_DetectedOnSubStreamPicturesAlone) {
-    // The grid view: only the smaller sub stream is decoded; the detector,
-    // started at the main stream's size, scans its pictures.
-    cam_->SetMotionSaveType(0, 1, 2);
-    cam_->NotifyMotionSave(1);
-    OpenSim(Pattern(480, 360));
-    camsim::Server sub(Pattern(320, 240, 50));
-    ASSERT_TRUE(sub.Start());
-    ASSERT_EQ(cam_->OpenSubStreamVideo(sub.Url().c_str()), 0);
-    ASSERT_TRUE(cam_->HasSubStream());
-    ASSERT_EQ(cam_->SetDecodeEnable(false, true), 0);
-    EXPECT_TRUE(WaitUntil([&] { return cam_->GetMotionCount() >= 1; }));
-}
-
 TEST_F(LiveCameraTest, Snapshot_BurstOfThreeOneSecondApart) {
     OpenSim(Pattern(320, 240));
     // The timer asks for the next picture of a burst once time()'s second
@@ -519,26 +505,30 @@ TEST_F(LiveCameraTest, Streams_TwoHostThreadsOpenAndCloseWhileTheNameChanges) {
     OpenAndShow(url, 3);  // still a working camera
 }
 
-TEST_F(LiveCameraTest, SubStream_RulesAndDecodeSwitch) {
-    OpenSim(Pattern(320, 240));
+TEST_F(LiveCameraTest, SubStream_RulesDecodeSwitchAndMotionOnSubStreamPicturesAlone) {
+    cam_->SetMotionSaveType(0, 1, 2);
+    cam_->NotifyMotionSave(1);
+    OpenSim(Pattern(480, 360, 1000));  // a still main stream
     std::string upper = sim_->Url();
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     for (const std::string& refused : {upper, std::string("rt")}) {  // the main URL in other case; too short
         EXPECT_EQ(cam_->OpenSubStreamVideo(refused.c_str()), 0);
         EXPECT_FALSE(cam_->HasSubStream()) << refused;
     }
-    camsim::Server small(Pattern(160, 120));
+    camsim::Server small(Pattern(320, 240, 50));  // the scene switches every 2 s
     ASSERT_TRUE(small.Start());
     ASSERT_EQ(cam_->OpenSubStreamVideo(small.Url().c_str()), 0);
     ASSERT_TRUE(cam_->HasSubStream());
     EXPECT_TRUE(cam_->IsSubVideoOpenSuc());
     cam_->SetVideoBufCallBack(&OnVideo, &view_);
     ASSERT_EQ(cam_->SetDecodeEnable(false, true), 0);
-    ASSERT_TRUE(WaitUntil([&] { return view_.Width() == 160; }));
-    WaitPictures(5);
-    EXPECT_EQ(view_.Width(), 160) << "the main stream is no longer decoded";
-    ASSERT_EQ(cam_->SetDecodeEnable(true, true), 0);
     ASSERT_TRUE(WaitUntil([&] { return view_.Width() == 320; }));
+    WaitPictures(5);
+    EXPECT_EQ(view_.Width(), 320) << "the main stream is no longer decoded";
+    // The detector, started at the main stream's size, scans the smaller pictures.
+    EXPECT_TRUE(WaitUntil([&] { return cam_->GetMotionCount() >= 1; }));
+    ASSERT_EQ(cam_->SetDecodeEnable(true, true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return view_.Width() == 480; }));
     // A sub stream that cannot be opened leaves the camera on its main one.
     const std::string dead = "http://127.0.0.1:" + std::to_string(camctl_test::FreeLoopbackPort()) + "/x";
     EXPECT_EQ(cam_->OpenSubStreamVideo(dead.c_str()), 0);
