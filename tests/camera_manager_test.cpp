@@ -1,11 +1,9 @@
-// Camera manager: ids, lookups, deletes, the singleton and its timer.
+// Faults caught: wrong id counter, duplicate ids accepted, wrong or prefix lookups, lost deletes, stale singleton, races, unfinished recordings.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-// GCC 12 reports a false maybe-uninitialized inside <regex> when built
-// with the sanitizers.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"  // GCC 12 false positive in <regex> under sanitizers
 #include <regex>
 #include <string>
 #include <thread>
@@ -27,87 +25,58 @@ protected:
         CIpCameraManager::s_nNextCameraId = 0;
     }
     void TearDown() override { mgr_->DelAllCamera(); }
-
     CIpCameraManager* mgr_ = nullptr;
 };
 
-TEST_F(CameraManagerTest, Add_NegativeIdTakesTheCounterAndDuplicatesAreRefused) {
+TEST_F(CameraManagerTest, Add_CounterSkipsTakenIdsAndDuplicatesAreRefused) {
     CIpCamera* a = mgr_->AddIpCamera(-1, "a", "10.0.0.1");
     CIpCamera* b = mgr_->AddIpCamera(-1, "b", "10.0.0.2");
-    ASSERT_NE(a, nullptr);
-    ASSERT_NE(b, nullptr);
+    ASSERT_TRUE(a && b);
     EXPECT_EQ(a->GetId(), 0);
     EXPECT_EQ(b->GetId(), 1);
     EXPECT_STREQ(b->GetName(), "b");
     EXPECT_STREQ(b->GetIpAddr(), "10.0.0.2");
-
     ASSERT_NE(mgr_->AddIpCamera(5, "five", "10.0.0.5"), nullptr);
     EXPECT_EQ(mgr_->AddIpCamera(5, "again", "10.0.0.6"), nullptr);
     EXPECT_EQ(mgr_->GetCameraCnt(), 3);
     EXPECT_STREQ(mgr_->GetIpCamera(5)->GetName(), "five");
-}
 
-TEST_F(CameraManagerTest, Add_CounterIgnoresIdsGivenExplicitly) {
+    // The counter ignores ids given explicitly: each taken one costs a refusal.
+    mgr_->DelAllCamera();
+    CIpCameraManager::s_nNextCameraId = 0;
     ASSERT_NE(mgr_->AddIpCamera(0, "zero", "10.0.0.1"), nullptr);
     ASSERT_NE(mgr_->AddIpCamera(1, "one", "10.0.0.2"), nullptr);
-    EXPECT_EQ(mgr_->AddIpCamera(-1, "x", "10.0.0.3"), nullptr) << "counter gives 0: taken";
-    EXPECT_EQ(mgr_->AddIpCamera(-1, "x", "10.0.0.3"), nullptr) << "then 1: taken";
+    EXPECT_EQ(mgr_->AddIpCamera(-1, "x", "10.0.0.3"), nullptr);
+    EXPECT_EQ(mgr_->AddIpCamera(-1, "x", "10.0.0.3"), nullptr);
     CIpCamera* c = mgr_->AddIpCamera(-1, "x", "10.0.0.3");
     ASSERT_NE(c, nullptr);
     EXPECT_EQ(c->GetId(), 2);
 }
 
-TEST_F(CameraManagerTest, Lookup_ByIdNameOrAddressIgnoringCase) {
-    CIpCamera* cam1 = mgr_->AddIpCamera(7, "cam1", "192.168.1.10");
-    CIpCamera* cam2 = mgr_->AddIpCamera(8, "Lobby", "192.168.1.11");
-    EXPECT_EQ(mgr_->GetIpCamera(7), cam1);
-    EXPECT_EQ(mgr_->GetIpCamera("192.168.1.10"), cam1);
-    EXPECT_EQ(mgr_->GetIpCamera("CAM1"), cam1);
-    EXPECT_EQ(mgr_->GetIpCamera("lobby"), cam2);
-    EXPECT_EQ(mgr_->GetIpCamera("192.168.1.1"), nullptr) << "no prefix match";
-    EXPECT_EQ(mgr_->GetIpCamera(9), nullptr);
-
-    // List order decides: a camera named like another's address comes later.
-    CIpCamera* impostor = mgr_->AddIpCamera(9, "192.168.1.11", "10.1.1.1");
-    EXPECT_EQ(mgr_->GetIpCamera("192.168.1.11"), cam2);
-    EXPECT_EQ(mgr_->DelIpCamera("192.168.1.11"), 0);
-    EXPECT_EQ(mgr_->GetIpCamera("192.168.1.11"), impostor);
-
-    EXPECT_EQ(mgr_->DelIpCamera(7), 0);
-    EXPECT_EQ(mgr_->DelIpCamera(7), -1);
-    EXPECT_EQ(mgr_->GetIpCamera("cam1"), nullptr);
-    EXPECT_EQ(mgr_->GetCameraCnt(), 1);
-}
-
-TEST_F(CameraManagerTest, Empty_LookupsFailSoftly) {
-    EXPECT_EQ(mgr_->GetCameraCnt(), 0);
+TEST_F(CameraManagerTest, Lookup_ByIdNameOrAddressIgnoringCaseAndSoftFailures) {
     EXPECT_EQ(mgr_->GetIpCamera(0), nullptr);
     EXPECT_EQ(mgr_->GetIpCamera("cam"), nullptr);
     EXPECT_EQ(mgr_->GetIpCamera(nullptr), nullptr);
     EXPECT_EQ(mgr_->DelIpCamera(0), -1);
     EXPECT_EQ(mgr_->DelIpCamera("cam"), -1);
     EXPECT_EQ(mgr_->DelAllCamera(), 0);
-}
 
-TEST_F(CameraManagerTest, Timer_DrivesCamerasSnapshotBurst) {
-    camctl_test::TempDir dir;
-    CIpCamera* cam = mgr_->AddIpCamera(3, "cam", "127.0.0.1");
-    ASSERT_EQ(cam->SetSaveDir(dir.path().c_str(), nullptr), 0);
-    // Without pictures no file is written, but every request of the burst
-    // takes a serial: the timer has to make the two later requests.
-    const int first = CIpCamera::s_nImageSerial.load();
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(cam->SaveImage(1, 3), 0);
-    while (CIpCamera::s_nImageSerial.load() < first + 3 &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(5))
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const double took =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_EQ(CIpCamera::s_nImageSerial.load(), first + 3);
-    EXPECT_GT(took, 0.9);
-    EXPECT_LT(took, 3.5);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    EXPECT_EQ(CIpCamera::s_nImageSerial.load(), first + 3) << "the burst is over";
+    CIpCamera* cam1 = mgr_->AddIpCamera(7, "cam1", "192.168.1.10");
+    CIpCamera* cam2 = mgr_->AddIpCamera(8, "Lobby", "192.168.1.11");
+    const struct { const char* key; CIpCamera* found; } rows[] = {
+        {"192.168.1.10", cam1}, {"CAM1", cam1}, {"lobby", cam2}, {"192.168.1.1", nullptr}};
+    for (const auto& r : rows) EXPECT_EQ(mgr_->GetIpCamera(r.key), r.found) << r.key;
+    EXPECT_EQ(mgr_->GetIpCamera(7), cam1);
+    EXPECT_EQ(mgr_->GetIpCamera(9), nullptr);
+    // List order decides: a camera named like another's address comes later.
+    CIpCamera* impostor = mgr_->AddIpCamera(9, "192.168.1.11", "10.1.1.1");
+    EXPECT_EQ(mgr_->GetIpCamera("192.168.1.11"), cam2);
+    EXPECT_EQ(mgr_->DelIpCamera("192.168.1.11"), 0);
+    EXPECT_EQ(mgr_->GetIpCamera("192.168.1.11"), impostor);
+    EXPECT_EQ(mgr_->DelIpCamera(7), 0);
+    EXPECT_EQ(mgr_->DelIpCamera(7), -1);
+    EXPECT_EQ(mgr_->GetIpCamera("cam1"), nullptr);
+    EXPECT_EQ(mgr_->GetCameraCnt(), 1);
 }
 
 TEST(CameraManagerSingletonTest, Destroy_ClearsTheInstanceAndANewOneWorks) {
@@ -117,7 +86,6 @@ TEST(CameraManagerSingletonTest, Destroy_ClearsTheInstanceAndANewOneWorks) {
     ASSERT_NE(first->AddIpCamera(-1, "doomed", "1.2.3.4"), nullptr);
     delete first;
     EXPECT_EQ(CIpCameraManager::pInstance.load(), nullptr);
-
     CIpCameraManager* second = CIpCameraManager::GetInstance();
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(CIpCameraManager::pInstance.load(), second);
@@ -127,11 +95,10 @@ TEST(CameraManagerSingletonTest, Destroy_ClearsTheInstanceAndANewOneWorks) {
     EXPECT_EQ(CIpCameraManager::pInstance.load(), nullptr);
 }
 
-// Four threads add, find and delete 32 cameras while the timer walks them.
-// Run under ThreadSanitizer this catches races and lock-order inversions.
+// Four threads add, find and delete cameras (a quarter of them streaming and
+// recording) while the timer walks them; under TSan this finds races.
 TEST(CameraManagerStressTest, Concurrent_AddFindDeleteWhileTimerRuns) {
     CIpCameraManager* mgr = CIpCameraManager::GetInstance();
-    ASSERT_NE(mgr, nullptr);
     mgr->DelAllCamera();
     camctl_test::TempDir dir;
     camsim::Options o;
@@ -140,18 +107,15 @@ TEST(CameraManagerStressTest, Concurrent_AddFindDeleteWhileTimerRuns) {
     camsim::Server sim(o);
     ASSERT_TRUE(sim.Start());
     const std::string url = sim.Url();
-    constexpr int kThreads = 4;
-    constexpr int kPerThread = 8;
-    constexpr int kRounds = 3;
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            for (int round = 0; round < kRounds; ++round) {
-                for (int i = 0; i < kPerThread; ++i) {
+            for (int round = 0; round < 3; ++round) {
+                std::vector<CIpCamera*> recording;  // cameras that stream and record
+                for (int i = 0; i < 8; ++i) {
                     const int id = 1000 + t * 100 + i;
-                    const std::string name = "stress" + std::to_string(id);
-                    CIpCamera* cam = mgr->AddIpCamera(id, name.c_str(), "127.0.0.1");
+                    CIpCamera* cam = mgr->AddIpCamera(id, ("stress" + std::to_string(id)).c_str(), "127.0.0.1");
                     if (!cam) {
                         ++failures;
                         continue;
@@ -159,21 +123,26 @@ TEST(CameraManagerStressTest, Concurrent_AddFindDeleteWhileTimerRuns) {
                     cam->SetSaveDir(dir.path().c_str(), nullptr);
                     cam->m_nAutoRecordSec = 1;
                     cam->SaveImage(2, 2);
-                    // A quarter of the cameras stream, record and take
-                    // snapshots while they are found and deleted.
-                    if (i % 4 == round % 4) {
-                        if (cam->OpenMainStreamVideo(url.c_str()) != 0) ++failures;
-                        cam->SetDecodeEnable(true, true);
-                        cam->StartSaveAvi(1);
-                    }
+                    if (i % 4 != round % 4) continue;
+                    if (cam->OpenMainStreamVideo(url.c_str()) != 0) ++failures;
+                    cam->SetDecodeEnable(true, true);
+                    cam->StartSaveAvi(1);
+                    recording.push_back(cam);
                 }
-                std::this_thread::sleep_for(std::chrono::milliseconds(400));  // timer rounds, pictures
-                for (int i = 0; i < kPerThread; ++i) {
+                for (CIpCamera* cam : recording) {  // a key frame opens the file
+                    const std::string prefix = "/" + std::string(cam->GetName()) + "+" + std::to_string(cam->GetId()) + "_";
+                    if (!camctl_test::WaitUntil([&] {
+                            for (const std::string& f : camctl_test::ListFiles(dir.path()))
+                                if (f.find(prefix) != std::string::npos) return true;
+                            return false;
+                        }))
+                        ++failures;
+                }
+                for (int i = 0; i < 8; ++i) {
                     const int id = 1000 + t * 100 + i;
                     const std::string name = "STRESS" + std::to_string(id);
                     if (mgr->GetIpCamera(name.c_str()) != mgr->GetIpCamera(id)) ++failures;
-                    if ((i % 2 ? mgr->DelIpCamera(id) : mgr->DelIpCamera(name.c_str())) != 0)
-                        ++failures;
+                    if ((i % 2 ? mgr->DelIpCamera(id) : mgr->DelIpCamera(name.c_str())) != 0) ++failures;
                 }
             }
         });
@@ -189,7 +158,7 @@ TEST(CameraManagerStressTest, Concurrent_AddFindDeleteWhileTimerRuns) {
         finished += std::regex_match(f, done);
     }
     EXPECT_EQ(provisional, 0) << "every recording is finished and named";
-    EXPECT_GT(finished, 0) << ::testing::PrintToString(camctl_test::ListFiles(dir.path()));
+    EXPECT_GE(finished, 24) << ::testing::PrintToString(camctl_test::ListFiles(dir.path()));
     delete mgr;
 }
 

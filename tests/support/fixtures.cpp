@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
 
 namespace camctl_test {
 
@@ -136,5 +137,14 @@ static int CountEntries(const char* dir) {
 
 int CountOpenFds() { return CountEntries("/proc/self/fd") - 1; }  // minus the DIR itself
 int CountThreads() { return CountEntries("/proc/self/task"); }
+
+bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
 
 }  // namespace camctl_test

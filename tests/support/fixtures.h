@@ -2,6 +2,8 @@
 // ports, child processes and small file helpers.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,11 @@ long long FileSize(const std::string& path);
 std::vector<unsigned char> ReadFileBytes(const std::string& path);
 // Regular files under dir (recursively), sorted.
 std::vector<std::string> ListFiles(const std::string& dir);
+
+// Polls pred every 10 ms until it holds; false once deadline has passed.
+// The deadline only bounds a failure: keep it generous.
+bool WaitUntil(const std::function<bool()>& pred,
+               std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
 // Open descriptors and threads of this process (from /proc/self).
 int CountOpenFds();

@@ -11,6 +11,18 @@
 
 namespace camctl_test {
 
+std::vector<unsigned char> RedOverBlue(int width, int height) {
+    std::vector<unsigned char> pic(static_cast<size_t>(width) * height * 3);
+    for (int row = 0; row < height; ++row)  // row 0 is the bottom line
+        for (int x = 0; x < width; ++x) {
+            unsigned char* p = &pic[(static_cast<size_t>(row) * width + x) * 3];
+            p[0] = row >= height / 2 ? 0 : 255;
+            p[1] = 0;
+            p[2] = row >= height / 2 ? 255 : 0;
+        }
+    return pic;
+}
+
 std::vector<unsigned char> RawTestFrame(const std::string& source, int width, int height,
                                         const std::string& pixFmt, int frame) {
     const std::string size = std::to_string(width) + "x" + std::to_string(height);

@@ -37,6 +37,10 @@ double Psnr(const unsigned char* a, const unsigned char* b, size_t size);
 // chroma sample 2x2 (what the JPEG encoder codes).
 std::vector<unsigned char> I420ToYuv444(const unsigned char* yuv, int width, int height);
 
+// A BGR24 picture stored bottom-up (as the decoder hands it out): the upper
+// half, as seen, red, the lower half blue.
+std::vector<unsigned char> RedOverBlue(int width, int height);
+
 // Reverses the row order of a packed picture.
 std::vector<unsigned char> FlipRows(const unsigned char* data, int rowBytes, int rows);
 
