@@ -50,8 +50,8 @@ protected:
 TEST_F(PacketQueueTest, Alloc_EmptyContext) {
     EXPECT_EQ(ctx_->m_nAudioIndex, -1);
     EXPECT_EQ(ctx_->m_bRunning.load(), 0);
-    EXPECT_NE(ctx_->m_hVideoPktLock, nullptr);
-    EXPECT_NE(ctx_->m_hAudioPktLock, nullptr);
+    EXPECT_TRUE(ctx_->m_VideoQueue.Ok());
+    EXPECT_TRUE(ctx_->m_AudioQueue.Ok());
     EXPECT_NE(ctx_->m_hRecordLock, nullptr);
     EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
     EXPECT_EQ(PopVideoPacket(ctx_), nullptr);
@@ -140,7 +140,7 @@ TEST_F(PacketQueueTest, Flush_EmptiesOnlyItsQueue) {
     FlushVideoPackets(ctx_);
     EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
     EXPECT_EQ(PopVideoPacket(ctx_), nullptr);
-    EXPECT_EQ(os_list_count(ctx_->m_pAudioPktList), 3);
+    EXPECT_EQ(ctx_->m_AudioQueue.Count(), 3);
 
     PushVideoPacket(ctx_, MakeSourcePacket(16, 3, 77).get());  // usable after a flush
     EXPECT_EQ(GetAVPktListElmCount(ctx_), 1);
@@ -172,7 +172,7 @@ TEST_F(PacketQueueTest, Concurrent_ProducerConsumer) {
     producer.join();
     EXPECT_TRUE(inOrder);
     EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
-    EXPECT_EQ(os_list_count(ctx_->m_pAudioPktList), 4);
+    EXPECT_EQ(ctx_->m_AudioQueue.Count(), 4);
 }
 
 

@@ -236,11 +236,6 @@ bool KeepRunning(const FFMpegContext* ctx) {
            ctx->m_bRunning.load(std::memory_order_relaxed);
 }
 
-struct PacketFree {
-    void operator()(AVPacket* p) const { FreePacket(p); }
-};
-using QueuedPacket = std::unique_ptr<AVPacket, PacketFree>;
-
 }  // namespace
 
 int AudioDecode4(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8_t* out, int* size) {
@@ -302,7 +297,7 @@ void StopAudioThread(FFMpegContext* ctx) {
     // it; wait for that so the stop below cannot be overwritten.
     while (!ctx->m_bAudioRunning.load(std::memory_order_relaxed)) os_sleep_ms(1);
     ctx->m_bAudioRunning.store(0, std::memory_order_relaxed);
-    ctx->m_AudioArrivals.Notify();
+    ctx->m_AudioQueue.Wake();
     os_thread_join(ctx->m_hAudioThread);
     os_thread_free(ctx->m_hAudioThread);
     ctx->m_hAudioThread = nullptr;
@@ -383,8 +378,8 @@ void* AudioDecodeThreadProc(void* arg) {
             os_sleep_ms(kPauseSleepMs);
             continue;
         }
-        const uint64_t seen = ctx->m_AudioArrivals.Count();
-        QueuedPacket pkt(PopAudioPacket(ctx));
+        const uint64_t seen = ctx->m_AudioQueue.Arrivals();
+        QueuedPacket pkt = ctx->m_AudioQueue.Pop();
         if (!pkt) {
             // Rounds of 10 ms until the clock is dropped, then of 50 ms;
             // each ends early when a packet comes. Once the clock is
@@ -392,13 +387,13 @@ void* AudioDecodeThreadProc(void* arg) {
             // waits up to a second at a time.
             if (empty_rounds <= kEmptyRoundsBeforeDrop) {
                 ++empty_rounds;
-                ctx->m_AudioArrivals.WaitPast(seen, 10);
+                ctx->m_AudioQueue.WaitPast(seen, 10);
             } else if (empty_rounds == kEmptyRoundsBeforeDrop + 1) {
                 ++empty_rounds;
-                ctx->m_AudioArrivals.WaitPast(seen, 50);
+                ctx->m_AudioQueue.WaitPast(seen, 50);
                 DropAudioClock(ctx);
             } else {
-                ctx->m_AudioArrivals.WaitPast(seen, kIdleWaitMs);
+                ctx->m_AudioQueue.WaitPast(seen, kIdleWaitMs);
             }
             continue;
         }

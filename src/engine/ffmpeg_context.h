@@ -14,7 +14,7 @@
 #include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
 #include "engine/h265/ihw265d_handle.h"
-#include "engine/packet_arrivals.h"
+#include "engine/packet_queue.h"
 #include "runtime/os.h"
 
 struct FFMpegContext;
@@ -36,13 +36,9 @@ struct FFMpegContext {
     os_thread* m_hVideoThread = nullptr;
     os_thread* m_hAudioThread = nullptr;
 
-    os_list* m_pVideoPktList = nullptr;   // guarded by m_hVideoPktLock
-    os_mutex* m_hVideoPktLock = nullptr;
-    os_list* m_pAudioPktList = nullptr;   // guarded by m_hAudioPktLock
-    os_mutex* m_hAudioPktLock = nullptr;
-    // Pushes into each queue, for the decode thread waiting on it.
-    PacketArrivals m_VideoArrivals;
-    PacketArrivals m_AudioArrivals;
+    // Reader to decode threads; each queue owns its lock.
+    PacketQueue m_VideoQueue;
+    PacketQueue m_AudioQueue;
 
     // Guards the recording fields below while a packet is written.
     os_mutex* m_hRecordLock = nullptr;
@@ -112,8 +108,8 @@ struct FFMpegContext {
     std::atomic<uint64_t> m_nIoDeadline{0};
 };
 
-// Packet queues. Elements are deep copies (data + 32 bytes slack) that the
-// caller of Pop* frees with FreePacket.
+// Shorthands for the two queues (the ctx may be null). Pop* hands over a
+// packet that the caller frees with FreePacket.
 void PushVideoPacket(FFMpegContext* ctx, const AVPacket* pkt);
 void PushAudioPacket(FFMpegContext* ctx, const AVPacket* pkt);
 AVPacket* PopVideoPacket(FFMpegContext* ctx);
@@ -123,7 +119,6 @@ int GetAVPktListElmCount(FFMpegContext* ctx);
 void WakePacketWaiters(FFMpegContext* ctx);
 void FlushVideoPackets(FFMpegContext* ctx);
 void FlushAudioPackets(FFMpegContext* ctx);
-void FreePacket(AVPacket* pkt);
 int GetVideoCodecNumber(FFMpegContext* ctx);
 
 // Allocates an empty context with its queues and locks (no source, no
