@@ -119,7 +119,7 @@ public:
         ctx_->m_bRunning = 1;
         ctx_->m_bDecode = 1;
         if (reopen) {
-            ctx_->m_nAudioSampleRate = par->sample_rate;
+            ctx_->m_AudioClock.SetSampleRate(par->sample_rate);
             ok_ = OpenAudioDecoder(ctx_, par->codec_id) == 0;
             return;
         }
@@ -340,8 +340,8 @@ TEST(AudioThread, EachCodecMatchesTheReferenceDecode) {
         const std::vector<int16_t> got = h.sink().audio.Samples();
         EXPECT_LE(got.size(), ref.size() + 2048);  // FAAD2 adds no samples beyond priming
         EXPECT_GT(BestCorrelation(got, ref, c.rate, 2048), 0.99);
-        EXPECT_EQ(h.ctx()->m_nAudioSampleRate, c.rate);
-        EXPECT_EQ(h.ctx()->m_bAudioClock, 1);
+        EXPECT_EQ(h.ctx()->m_AudioClock.SampleRate(), c.rate);
+        EXPECT_TRUE(h.ctx()->m_AudioClock.Active());
     }
 }
 
@@ -407,7 +407,7 @@ TEST(AudioThread, ClockAnchorContinueJumpAndDrop) {
         ASSERT_TRUE(WaitFor([&] { return h.sink().audio.Blocks() == want; }));
     };
     push_and_wait(1, 0);  // time stamp 0 sets no reference
-    EXPECT_EQ(ctx->m_bAudioClock, 1);
+    EXPECT_TRUE(ctx->m_AudioClock.Active());
     EXPECT_EQ(ctx->m_AudioClock.Load().refTick, 0u);
     const uint64_t before = os_tick_count64();
     push_and_wait(1, 0);
@@ -426,7 +426,7 @@ TEST(AudioThread, ClockAnchorContinueJumpAndDrop) {
     c = ctx->m_AudioClock.Load();
     EXPECT_GT(c.refPts, anchored.refPts + 9000);
     EXPECT_EQ(c.videoOffset, 0u);
-    ASSERT_TRUE(WaitFor([&] { return ctx->m_bAudioClock == 0; }));
+    ASSERT_TRUE(WaitFor([&] { return !ctx->m_AudioClock.Active(); }));
     c = ctx->m_AudioClock.Load();
     EXPECT_EQ(c.refTick | c.refPts | c.clock, 0u);
 }
@@ -465,13 +465,13 @@ TEST(AudioThread, DecodeOffThenCodecSwitch) {
     h.ctx()->m_bDecode = 0;
     ASSERT_EQ(h.Push(5), 5);
     // The clock flag rises on the first packet and drops once the queue has stayed empty.
-    ASSERT_TRUE(WaitFor([&] { return h.ctx()->m_bAudioClock == 1; }));
-    ASSERT_TRUE(WaitFor([&] { return h.ctx()->m_bAudioClock == 0; }));
+    ASSERT_TRUE(WaitFor([&] { return h.ctx()->m_AudioClock.Active(); }));
+    ASSERT_TRUE(WaitFor([&] { return !h.ctx()->m_AudioClock.Active(); }));
     EXPECT_EQ(h.sink().audio.Blocks(), 0);
     h.ctx()->m_bDecode = 1;
     ASSERT_EQ(h.Push(1), 1);
     ASSERT_TRUE(WaitFor([&] { return h.sink().audio.Blocks() >= 1; }));
-    EXPECT_EQ(h.ctx()->m_bAudioClock, 1);
+    EXPECT_TRUE(h.ctx()->m_AudioClock.Active());
     ASSERT_EQ(OpenAudioDecoder(h.ctx(), AV_CODEC_ID_PCM_ALAW), 0);  // joins the old thread first
     EXPECT_EQ(h.sink().audio.Blocks(), 1);
     EXPECT_NE(h.ctx()->m_hAudioThread, nullptr);

@@ -305,8 +305,7 @@ class HttpReaderTest : public testing::Test {
 protected:
     void Open(Bytes stream, size_t firstRead = HTTP_READ_CHUNK) {
         firstRead = std::min(firstRead, stream.size());
-        memcpy(recv_.data(), stream.data(), firstRead);
-        ctx_->m_nRecvLen = static_cast<uint32_t>(firstRead);
+        ctx_->m_HttpFrame.Append(stream.data(), static_cast<uint32_t>(firstRead));
         stream.erase(stream.begin(), stream.begin() + static_cast<ptrdiff_t>(firstRead));
         io_ = std::make_unique<camctl_test::MemoryAvio>(std::move(stream), 1500);
         io_->AttachTo(ctx_.get());
@@ -314,9 +313,7 @@ protected:
     void SetUp() override {
         ctx_.reset(FFMpegContextAlloc());
         ASSERT_TRUE(ctx_);
-        recv_.assign(HTTP_RECV_BUF_SIZE, 0);
-        ctx_->m_pRecvBuf = recv_.data();
-        ctx_->m_bHttpFrame = 1;
+        ctx_->m_HttpFrame.Open();
         ctx_->m_bHttpSource = 1;
         ctx_->m_bRunning = 1;
         ctx_->m_nVideoCodecId = 27;
@@ -326,7 +323,6 @@ protected:
     void TearDown() override {
         if (ctx_) {
             camctl_test::MemoryAvio::Detach(ctx_.get());
-            ctx_->m_pRecvBuf = nullptr;
         }
     }
     int ReadOne() { return http_read_one_frame(ctx_.get(), pkt_.get(), &audioChanged_, &newAudioCodec_); }
@@ -335,7 +331,6 @@ protected:
         void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
     };
     std::unique_ptr<FFMpegContext, CtxFree> ctx_;
-    Bytes recv_;
     std::unique_ptr<camctl_test::MemoryAvio> io_;
     camctl::PacketPtr pkt_ = camctl::MakePacket();
     RegionListener listener_;
@@ -346,7 +341,7 @@ protected:
 TEST_F(HttpReaderTest, DeliversFramesInOrderWithFlagsTimestampsAndStreams) {
     ctx_->m_nAudioIndex = 1;
     ctx_->m_nAudioCodecId = 0x10006;
-    ctx_->m_nAudioSampleRate = 8000;
+    ctx_->m_AudioClock.SetSampleRate(8000);
     struct Expect { uint32_t type; bool key; uint64_t ts; Bytes payload; };
     std::vector<Expect> expect;
     Bytes stream = Payload(123, 77);  // junk before the first marker
@@ -371,7 +366,7 @@ TEST_F(HttpReaderTest, DeliversFramesInOrderWithFlagsTimestampsAndStreams) {
         EXPECT_EQ(pkt_->dts, static_cast<int64_t>(expect[i].ts));
         EXPECT_EQ((pkt_->flags & AV_PKT_FLAG_KEY) != 0, expect[i].key) << "frame " << i;
         EXPECT_EQ(pkt_->stream_index, expect[i].type == camsim::kStreamAudio ? 1 : 0);
-        EXPECT_EQ(ctx_->m_nRecvPos, 0u);
+        EXPECT_EQ(ctx_->m_HttpFrame.Pos(), 0u);
         av_packet_unref(pkt_.get());
     }
     EXPECT_EQ(audioChanged_, 0);  // codec and rate never changed
@@ -388,7 +383,7 @@ TEST_F(HttpReaderTest, BufferWithoutMarkerGivesEmptyUnknownFrameAndReadsNothing)
     EXPECT_EQ(pkt_->size, 0);
     EXPECT_EQ(pkt_->stream_index, -1);
     EXPECT_EQ(io_->served(), 0u);
-    EXPECT_EQ(ctx_->m_nRecvLen, 1000u);
+    EXPECT_EQ(ctx_->m_HttpFrame.Len(), 1000u);
 }
 
 TEST_F(HttpReaderTest, OversizeHeaderEndsTheConnectionAfterLogging) {
@@ -444,7 +439,7 @@ TEST_F(HttpReaderTest, AudioHeaderRequestsDecoderChanges) {
     EXPECT_EQ(audioChanged_, 1);
     EXPECT_EQ(newAudioCodec_, 0x10006);
     EXPECT_EQ(ctx_->m_nAudioIndex, 1);
-    EXPECT_EQ(ctx_->m_nAudioSampleRate, 8000);
+    EXPECT_EQ(ctx_->m_AudioClock.SampleRate(), 8000);
     // The reader reopens the decoder and clears the request.
     ctx_->m_nAudioCodecId = newAudioCodec_;
     audioChanged_ = 0;
@@ -458,7 +453,7 @@ TEST_F(HttpReaderTest, AudioHeaderRequestsDecoderChanges) {
     ASSERT_EQ(ReadOne(), 32);
     EXPECT_EQ(audioChanged_, 1);
     EXPECT_EQ(newAudioCodec_, 0x10006);
-    EXPECT_EQ(ctx_->m_nAudioSampleRate, 16000);
+    EXPECT_EQ(ctx_->m_AudioClock.SampleRate(), 16000);
     av_packet_unref(pkt_.get());
 
     // Not yet served: the next frame renews the request without a message.
@@ -477,7 +472,7 @@ TEST_F(HttpReaderTest, AudioHeaderRequestsDecoderChanges) {
 
     ASSERT_EQ(ReadOne(), 32);
     EXPECT_EQ(audioChanged_, 0);
-    EXPECT_EQ(ctx_->m_nAudioSampleRate, 16000);
+    EXPECT_EQ(ctx_->m_AudioClock.SampleRate(), 16000);
     av_packet_unref(pkt_.get());
 
     std::string text = log.Take();
@@ -572,12 +567,12 @@ TEST_F(HttpReaderTest, FrameThatNeverEndsFillsTheBufferAndEnds) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(ReadOne(), -1);
     testing::internal::GetCapturedStderr();
-    EXPECT_GT(ctx_->m_nRecvLen + HTTP_READ_CHUNK, HTTP_RECV_BUF_SIZE);
+    EXPECT_GT(ctx_->m_HttpFrame.Len() + HTTP_READ_CHUNK, HTTP_RECV_BUF_SIZE);
 }
 
 TEST_F(HttpReaderTest, MissingBufferOrConnectionFails) {
     EXPECT_EQ(ReadOne(), -1);  // no connection, nothing received
-    ctx_->m_pRecvBuf = nullptr;
+    ctx_->m_HttpFrame = HttpFrameReceiver();
     EXPECT_EQ(ReadOne(), -1);
     EXPECT_EQ(http_read_one_frame(nullptr, pkt_.get(), &audioChanged_, &newAudioCodec_), -1);
 }
@@ -650,25 +645,22 @@ TEST(HttpReaderOverCamsim, ReceivesEveryFrameOfAnH264FileInOrder) {
         void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
     };
     std::unique_ptr<FFMpegContext, CtxFree> ctx(FFMpegContextAlloc());
-    Bytes recv(HTTP_RECV_BUF_SIZE);
-    ctx->m_pRecvBuf = recv.data();
+    ctx->m_HttpFrame.Open();
     ctx->m_bRunning = 1;
     AVIOContext* io = nullptr;
     ASSERT_GE(avio_open(&io, server.Url("/live/ch0").c_str(), AVIO_FLAG_READ), 0);
     ctx->m_pHttpIo.reset(io);
 
     // What the engine does when it opens the stream.
-    int got = avio_read(io, recv.data(), HTTP_READ_CHUNK);
-    ASSERT_GT(got, 0);
-    ctx->m_nRecvLen = static_cast<uint32_t>(got);
+    ASSERT_GT(ctx->m_HttpFrame.ReadMore(io), 0);
     HttpFrameHeader first;
-    ASSERT_EQ(ParseFrameHeader(recv.data(), ctx->m_nRecvLen, &first), 0);
+    ASSERT_EQ(ParseFrameHeader(ctx->m_HttpFrame.Data(), ctx->m_HttpFrame.Len(), &first), 0);
     EXPECT_EQ(first.width, 320u);
     EXPECT_EQ(first.height, 240u);
     EXPECT_EQ(first.sample_rate, 16000u);
     ctx->m_nVideoCodecId = HttpFrameVideoCodecId(first.codec);
     ctx->m_nAudioCodecId = HttpFrameAudioCodecId(first.audio_codec);
-    ctx->m_nAudioSampleRate = static_cast<int32_t>(first.sample_rate);
+    ctx->m_AudioClock.SetSampleRate(static_cast<int32_t>(first.sample_rate));
     ctx->m_nAudioIndex = 1;
     EXPECT_EQ(ctx->m_nVideoCodecId, 27);
     EXPECT_EQ(ctx->m_nAudioCodecId, 0x15002);

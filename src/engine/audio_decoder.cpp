@@ -227,8 +227,7 @@ void UpdateAudioClock(FFMpegContext* ctx, AudioClockState& st, uint64_t t, uint6
 }
 
 void DropAudioClock(FFMpegContext* ctx) {
-    ctx->m_bAudioClock.store(0, std::memory_order_relaxed);
-    ctx->m_AudioClock.Reset();
+    ctx->m_AudioClock.Stop();
 }
 
 bool KeepRunning(const FFMpegContext* ctx) {
@@ -312,7 +311,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         const AVCodec* codec = avcodec_find_decoder(static_cast<AVCodecID>(codec_id));
         if (codec) codec_ctx.reset(avcodec_alloc_context3(codec));
         if (codec_ctx) {
-            int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+            int rate = ctx->m_AudioClock.SampleRate();
             codec_ctx->sample_rate = rate > 0 ? rate : kNarrowbandRateHz;
             av_channel_layout_default(&codec_ctx->ch_layout, 1);
             if (codec_id == kCodecG726) {
@@ -359,7 +358,7 @@ void* AudioDecodeThreadProc(void* arg) {
     FaadDecoder faad;
     bool aac_uninitialised = true;
     if (codec_id == kCodecAac) {
-        int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+        int rate = ctx->m_AudioClock.SampleRate();
         if (!faad.Open(static_cast<unsigned long>(rate > 0 ? rate : kNarrowbandRateHz))) {
             os_print("======NeAACDecOpen==Failed===================\n");
             return nullptr;
@@ -398,7 +397,7 @@ void* AudioDecodeThreadProc(void* arg) {
             continue;
         }
         empty_rounds = 0;
-        ctx->m_bAudioClock.store(1, std::memory_order_relaxed);
+        ctx->m_AudioClock.MarkActive();
         const bool decode = ctx->m_bDecode.load(std::memory_order_relaxed) != 0;
         if (!decode || pkt->size <= 0) continue;
         if (audio_index < 0 || pkt->stream_index != audio_index) continue;
@@ -430,8 +429,8 @@ void* AudioDecodeThreadProc(void* arg) {
             if (codec_ctx->sample_rate > 0) rate_in_use = codec_ctx->sample_rate;
         }
         if (codec_ctx && codec_ctx->sample_rate > 0 &&
-            codec_ctx->sample_rate != ctx->m_nAudioSampleRate.load(std::memory_order_relaxed)) {
-            ctx->m_nAudioSampleRate.store(codec_ctx->sample_rate, std::memory_order_relaxed);
+            codec_ctx->sample_rate != ctx->m_AudioClock.SampleRate()) {
+            ctx->m_AudioClock.SetSampleRate(codec_ctx->sample_rate);
         }
         if (bytes <= 0 || rate_in_use <= 0) continue;
 

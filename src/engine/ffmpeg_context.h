@@ -14,6 +14,8 @@
 #include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
 #include "engine/h265/ihw265d_handle.h"
+#include "engine/http_receiver.h"
+#include "engine/io_guard.h"
 #include "engine/packet_queue.h"
 #include "runtime/os.h"
 
@@ -89,23 +91,15 @@ struct FFMpegContext {
     camctl::Ihw265dHandle m_hH265Decoder;  // IHW265D instance, HEVC only (deleted with the context)
 
     // Private HTTP frame protocol (reader thread only).
-    int32_t m_bHttpFrame = 0;
-    uint8_t* m_pRecvBuf = nullptr;  // 2,000,000 bytes
-    uint32_t m_nRecvLen = 0;
-    uint32_t m_nRecvPos = 0;
+    HttpFrameReceiver m_HttpFrame;
 
-    // Audio clock (moved by the audio thread, reset by the reader, followed
-    // by the video thread); m_bAudioClock: audio packets are arriving.
-    std::atomic<int32_t> m_bAudioClock{0};
-    std::atomic<int32_t> m_nAudioSampleRate{0};
     int32_t m_bHttpSource = 0;
+    // Moved by the audio thread, reset by the reader, followed by the video
+    // thread; also carries the audio sample rate.
     AudioClock m_AudioClock;
 
-    // Blocking-I/O guard read by the demuxer's interrupt callback: I/O gives
-    // up once m_bAbortIo is set (by FFMpegContextDestroy) or the tick count
-    // passes m_nIoDeadline (0: no deadline). See ArmIoDeadline.
-    std::atomic<int32_t> m_bAbortIo{0};
-    std::atomic<uint64_t> m_nIoDeadline{0};
+    // Stops blocking I/O at close or when a deadline passes.
+    IoGuard m_IoGuard;
 };
 
 // Shorthands for the two queues (the ctx may be null). Pop* hands over a

@@ -162,7 +162,7 @@ void AddAudioStream(FFMpegContext* ctx, AVFormatContext* oc) {
     int rate = 0;
     switch (codec_id) {
         case AV_CODEC_ID_AAC:
-            rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+            rate = ctx->m_AudioClock.SampleRate();
             if (rate <= 0 && audio) rate = audio->sample_rate;
             par->frame_size = kAacFrameSamples;
             break;

@@ -199,7 +199,7 @@ public:
 private:
     void Pace(const AVPacket* pkt) {
         if (!ctx_->m_bSmooth || !ctx_->m_bDecode || pkt->stream_index != ctx_->m_nVideoIndex) return;
-        if (ctx_->m_bAudioClock)
+        if (ctx_->m_AudioClock.Active())
             SyncVideoToAudio(ctx_, pkt->pts);
         else if (ctx_->m_pfnFrameWait)
             ctx_->m_pfnFrameWait(ctx_);
