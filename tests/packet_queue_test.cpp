@@ -52,7 +52,7 @@ TEST_F(PacketQueueTest, Alloc_EmptyContext) {
     EXPECT_EQ(ctx_->m_bRunning.load(), 0);
     EXPECT_TRUE(ctx_->m_VideoQueue.Ok());
     EXPECT_TRUE(ctx_->m_AudioQueue.Ok());
-    EXPECT_NE(ctx_->m_hRecordLock, nullptr);
+    EXPECT_TRUE(ctx_->m_Recorder.Ok());
     EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
     EXPECT_EQ(PopVideoPacket(ctx_), nullptr);
     EXPECT_EQ(PopAudioPacket(ctx_), nullptr);

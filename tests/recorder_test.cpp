@@ -192,7 +192,7 @@ TEST_P(RecorderCodecTest, Record_ReadableByFfprobe) {
     // Start between key frames: the first packets are skipped until the
     // next key frame.
     src.Feed(-1, 7);
-    uint64_t frames = src.ctx()->m_nRecordFrames;
+    uint64_t frames = src.ctx()->m_Recorder.Frames();
     ASSERT_EQ(RecordStop(src.ctx()), 0);
     EXPECT_EQ(RecordStop(src.ctx()), -1) << "second stop";
 
@@ -241,7 +241,7 @@ TEST(Recorder, TimeBase_WrittenThenRatePatched) {
     ASSERT_GE(before.size(), 136u);
     EXPECT_EQ(Le32(before, 128), 100u);
     EXPECT_EQ(Le32(before, 132), 2499u);
-    src.ctx()->nSaveTickCount = os_tick_count64() - 1000;
+    src.ctx()->m_Recorder.SetStartTick(os_tick_count64() - 1000);
     ASSERT_EQ(RecordStop(src.ctx()), 0);
     auto after = camctl_test::ReadFileBytes(out);
     ASSERT_GE(after.size(), 136u);
@@ -271,7 +271,7 @@ TEST(Recorder, VideoFreq_FromTicks) {
         ASSERT_TRUE(src.ok());
         ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
         src.Feed(c.packets);
-        src.ctx()->nSaveTickCount = os_tick_count64() - c.ms_ago;
+        src.ctx()->m_Recorder.SetStartTick(os_tick_count64() - c.ms_ago);
         testing::internal::CaptureStderr();
         ASSERT_EQ(RecordStop(src.ctx()), 0);
         std::string log = testing::internal::GetCapturedStderr();
@@ -292,8 +292,8 @@ TEST(Recorder, VideoFreq_FromAudioSamples) {
     ASSERT_TRUE(src.ok());
     ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
     src.Feed();
-    uint64_t frames = src.ctx()->m_nRecordFrames;
-    uint64_t samples = src.ctx()->m_nRecordAudioPts;
+    uint64_t frames = src.ctx()->m_Recorder.Frames();
+    uint64_t samples = src.ctx()->m_Recorder.AudioSamples();
     ASSERT_GT(frames, 0u);
     ASSERT_GT(samples, 0u);
     ASSERT_EQ(RecordStop(src.ctx()), 0);
@@ -322,11 +322,11 @@ TEST(Recorder, Start_UnknownExtensionFails) {
     EXPECT_EQ(RecordStart(src.ctx(), bad.c_str()), -1);
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("av_guess_format file:" + bad + " error!"), std::string::npos) << log;
-    EXPECT_EQ(src.ctx()->m_bRecording, 0);
+    EXPECT_FALSE(src.ctx()->m_Recorder.Recording());
     EXPECT_FALSE(camctl_test::FileExists(bad));
     // A directory that does not exist: no recording either.
     EXPECT_EQ(RecordStart(src.ctx(), (dir / "missing/x.avi").c_str()), -1);
-    EXPECT_EQ(src.ctx()->m_bRecording, 0);
+    EXPECT_FALSE(src.ctx()->m_Recorder.Recording());
     EXPECT_EQ(RecordStop(src.ctx()), -1);
 }
 
@@ -361,7 +361,7 @@ ChildResult RecordUnderSizeLimit(const std::string& out, rlim_t limit, bool lowe
         src.Feed();
         if (lower_midway && setrlimit(RLIMIT_FSIZE, &lim) != 0) _exit(3);
         src.Feed(-1, 0, 4);
-        uint64_t frames = src.ctx()->m_nRecordFrames;
+        uint64_t frames = src.ctx()->m_Recorder.Frames();
         int stopped = RecordStop(src.ctx());
         FILE* f = fopen(frames_file.c_str(), "w");
         if (f) {
@@ -453,10 +453,8 @@ TEST(RecorderSession, ReaderEnded_RecordingComplete) {
     ASSERT_EQ(s.StartSaveAvi(out.c_str()), 0);
     ASSERT_TRUE(WaitUntil([&] { return s.IsPlayFinish(); }, 10000));
     FFMpegContext* ctx = s.Context();
-    os_mutex_lock(ctx->m_hRecordLock);
-    const uint64_t frames = ctx->m_nRecordFrames;
-    const uint64_t samples = ctx->m_nRecordAudioPts;
-    os_mutex_unlock(ctx->m_hRecordLock);
+    const uint64_t frames = ctx->m_Recorder.Frames();
+    const uint64_t samples = ctx->m_Recorder.AudioSamples();
     ASSERT_EQ(s.VideoFree(), 0);
     server.Stop();
 

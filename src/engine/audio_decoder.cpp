@@ -325,7 +325,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         if (!codec_ctx || avcodec_open2(codec_ctx.get(), codec, nullptr) < 0) {
             // The recorder reads the audio decoder context under the record lock.
             {
-                OsMutexLock record(ctx->m_hRecordLock);
+                OsMutexLock record(ctx->m_Recorder.Lock());
                 ctx->m_pAudioCodecCtx.reset();
             }
             ctx->m_nAudioIndex = -1;
@@ -334,7 +334,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         }
     }
     {
-        OsMutexLock record(ctx->m_hRecordLock);
+        OsMutexLock record(ctx->m_Recorder.Lock());
         ctx->m_pAudioCodecCtx = std::move(codec_ctx);
         ctx->m_nAudioCodecId.store(codec_id, std::memory_order_relaxed);
     }

@@ -1,8 +1,8 @@
 // The media context: one per open stream, shared by its reader, video and
 // audio threads, and the packet queues between them.
 //
-// Lock order (never reversed): a camera's lock, m_hRecordLock, then one of
-// the packet-queue locks. No two queue locks are ever held together.
+// Lock order (never reversed): a camera's lock, the recorder's lock, then
+// one of the packet-queue locks. No two queue locks are ever held together.
 // Fields read by one thread and written by another without a lock are
 // std::atomic (relaxed ordering is enough: they are polled flags/figures).
 #pragma once
@@ -17,6 +17,7 @@
 #include "engine/http_receiver.h"
 #include "engine/io_guard.h"
 #include "engine/packet_queue.h"
+#include "engine/recorder.h"
 #include "runtime/os.h"
 
 struct FFMpegContext;
@@ -42,27 +43,14 @@ struct FFMpegContext {
     PacketQueue m_VideoQueue;
     PacketQueue m_AudioQueue;
 
-    // Guards the recording fields below while a packet is written.
-    os_mutex* m_hRecordLock = nullptr;
-
     std::atomic<int32_t> m_bRunning{0};
     std::atomic<int32_t> m_bAudioRunning{0};
     std::atomic<int32_t> m_bThrottleRead{0};
     char m_szUrl[256] = {};
     std::atomic<int32_t> m_bPause{0};
 
-    // Recording (guarded by m_hRecordLock; m_bRecording is also polled).
-    std::atomic<int32_t> m_bRecording{0};
-    uint64_t m_nRecordFrames = 0;
-    uint64_t m_nRecordReserved = 0;
-    std::atomic<uint64_t> nSaveTickCount{0};
-    uint64_t m_nRecordAudioPts = 0;
-    char m_szRecordFile[256] = {};
-    camctl::OutputFormatPtr m_pRecordFmtCtx;
-    AVStream* m_pRecordVideoStream = nullptr;
-    AVStream* m_pRecordAudioStream = nullptr;
-    // Length-prefixed (MP4/MKV) H.264/H.265 to Annex B for the recording.
-    camctl::BsfPtr m_pRecordBsf;
+    // The file being recorded, if any (its own lock).
+    Recorder m_Recorder;
 
     std::atomic<int32_t> m_nWidth{0};
     std::atomic<int32_t> m_nHeight{0};

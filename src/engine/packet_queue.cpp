@@ -111,8 +111,7 @@ int GetVideoCodecNumber(FFMpegContext* ctx) {
 FFMpegContext* FFMpegContextAlloc() {
     auto ctx = std::make_unique<FFMpegContext>();
     ctx->m_nAudioIndex = -1;
-    ctx->m_hRecordLock = os_mutex_create();
-    if (!ctx->m_VideoQueue.Ok() || !ctx->m_AudioQueue.Ok() || !ctx->m_hRecordLock) {
+    if (!ctx->m_VideoQueue.Ok() || !ctx->m_AudioQueue.Ok() || !ctx->m_Recorder.Ok()) {
         FFMpegContextFree(ctx.release());
         return nullptr;
     }
@@ -122,6 +121,4 @@ FFMpegContext* FFMpegContextAlloc() {
 void FFMpegContextFree(FFMpegContext* ctx) {
     if (!ctx) return;
     std::unique_ptr<FFMpegContext> owner(ctx);
-    os_mutex_destroy(ctx->m_hRecordLock);
-    ctx->m_hRecordLock = nullptr;
 }

@@ -250,8 +250,8 @@ void* ReadThreadProc(void* arg) {
             OnOverflow(ctx, st, queued);
             continue;
         }
-        if (ctx->m_bRecording && ctx->nSaveTickCount == 0)
-            os_print("nSaveTickCount:%d\n", int(ctx->nSaveTickCount.load()));
+        if (ctx->m_Recorder.Recording() && ctx->m_Recorder.StartTick() == 0)
+            os_print("nSaveTickCount:%d\n", int(ctx->m_Recorder.StartTick()));
 
         if (!ReadPacket(ctx, st, network, pkt.get())) break;
 
