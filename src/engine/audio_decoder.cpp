@@ -286,7 +286,7 @@ int AudioDecodeSendReceive(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8
 
 int StartAudioThread(FFMpegContext* ctx) {
     if (!ctx || ctx->m_hAudioThread) return -1;
-    ctx->m_hAudioThread = os_thread_create(nullptr, AudioDecodeThreadProc, ctx);
+    ctx->m_hAudioThread.reset(os_thread_create(nullptr, AudioDecodeThreadProc, ctx));
     return ctx->m_hAudioThread ? 0 : -1;
 }
 
@@ -297,9 +297,7 @@ void StopAudioThread(FFMpegContext* ctx) {
     while (!ctx->m_bAudioRunning.load(std::memory_order_relaxed)) os_sleep_ms(1);
     ctx->m_bAudioRunning.store(0, std::memory_order_relaxed);
     ctx->m_AudioQueue.Wake();
-    os_thread_join(ctx->m_hAudioThread);
-    os_thread_free(ctx->m_hAudioThread);
-    ctx->m_hAudioThread = nullptr;
+    ctx->m_hAudioThread.reset();  // joins
 }
 
 int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {

@@ -35,10 +35,6 @@ struct FFMpegContext {
     std::atomic<int32_t> m_nVideoCodecId{0};
     std::atomic<int32_t> m_nAudioCodecId{0};
 
-    os_thread* m_hReadThread = nullptr;
-    os_thread* m_hVideoThread = nullptr;
-    os_thread* m_hAudioThread = nullptr;
-
     // Reader to decode threads; each queue owns its lock.
     PacketQueue m_VideoQueue;
     PacketQueue m_AudioQueue;
@@ -88,6 +84,11 @@ struct FFMpegContext {
 
     // Stops blocking I/O at close or when a deadline passes.
     IoGuard m_IoGuard;
+
+    // Declared last so that they are joined before anything they use goes.
+    OsThreadPtr m_hReadThread;
+    OsThreadPtr m_hVideoThread;
+    OsThreadPtr m_hAudioThread;
 };
 
 // Shorthands for the two queues (the ctx may be null). Pop* hands over a

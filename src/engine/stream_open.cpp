@@ -363,13 +363,6 @@ int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl, O
     return 0;
 }
 
-void JoinThread(os_thread*& t) {
-    if (!t) return;
-    os_thread_join(t);
-    os_thread_free(t);
-    t = nullptr;
-}
-
 }  // namespace
 
 int EngineGlobalInit() {
@@ -423,14 +416,14 @@ FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int
     if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
     if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
 
-    ctx->m_hReadThread = os_thread_create(nullptr, ReadThreadProc, ctx.get());
+    ctx->m_hReadThread.reset(os_thread_create(nullptr, ReadThreadProc, ctx.get()));
     if (ctx->m_hReadThread)
-        ctx->m_hVideoThread =
-            os_thread_create(nullptr, yuvOutput ? VideoDecodeThreadYuv : VideoDecodeThreadBgr, ctx.get());
+        ctx->m_hVideoThread.reset(
+            os_thread_create(nullptr, yuvOutput ? VideoDecodeThreadYuv : VideoDecodeThreadBgr, ctx.get()));
     if (!ctx->m_hVideoThread) {
         ctx->m_bRunning = 0;
         ctx->m_IoGuard.Abort();
-        JoinThread(ctx->m_hReadThread);
+        ctx->m_hReadThread.reset();
         StopAudioThread(ctx.get());
         OpenFailed(failure, CAMCTL_OPEN_OTHER, "starting the stream's threads");
         return nullptr;
@@ -445,8 +438,8 @@ int FFMpegContextDestroy(FFMpegContext* ctx) {
     ctx->m_IoGuard.Abort();  // wakes a reader blocked in network I/O
     WakePacketWaiters(ctx);
     RecordStop(ctx);
-    JoinThread(ctx->m_hReadThread);
-    JoinThread(ctx->m_hVideoThread);
+    ctx->m_hReadThread.reset();
+    ctx->m_hVideoThread.reset();
     StopAudioThread(ctx);
     ctx->m_hH265Decoder.reset();  // the IHW265D instance, if any
     FreeContext(ctx);  // queues, locks, decoders, then the source
