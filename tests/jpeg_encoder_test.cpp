@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/fixtures.h"
@@ -30,61 +32,21 @@ Bytes Encode(const Bytes& yuv, int w, int h, int quality, size_t capacity) {
     return out;
 }
 
-struct Segment {
-    unsigned char marker;
-    Bytes body;  // after the length field
-};
-
-// The marker segments up to and including SOS, then the entropy-coded data.
-std::vector<Segment> Segments(const Bytes& f, Bytes* data) {
-    std::vector<Segment> segs;
-    if (f.size() < 4 || f[0] != 0xFF || f[1] != 0xD8) return segs;
+// Checks the segment order, the stuffing of 0xFF in the coded data and the
+// closing EOI; returns the two quantisers (64 + 64 bytes).
+Bytes CheckLayout(const Bytes& f) {
+    Bytes markers, q;
     size_t pos = 2;
-    while (pos + 4 <= f.size() && f[pos] == 0xFF) {
+    EXPECT_EQ(Bytes(f.begin(), f.begin() + 2), (Bytes{0xFF, 0xD8}));
+    while (pos + 4 <= f.size() && f[pos] == 0xFF && (markers.empty() || markers.back() != 0xDA)) {
         const size_t len = f[pos + 2] << 8 | f[pos + 3];
-        if (pos + 2 + len > f.size()) break;
-        segs.push_back({f[pos + 1], Bytes(f.begin() + pos + 4, f.begin() + pos + 2 + len)});
+        markers.push_back(f[pos + 1]);
+        if (markers.back() == 0xDB) q.insert(q.end(), f.begin() + long(pos + 5), f.begin() + long(pos + 2 + len));
         pos += 2 + len;
-        if (segs.back().marker == 0xDA) break;
     }
-    *data = Bytes(f.begin() + pos, f.end());
-    return segs;
-}
-
-// Checks the baseline layout and returns the two quantisers (64 + 64 bytes).
-Bytes CheckLayout(const Bytes& f, int w, int h) {
-    Bytes data;
-    const std::vector<Segment> s = Segments(f, &data);
-    EXPECT_EQ(s.size(), 9u);
-    if (s.size() != 9u) return {};
-    const unsigned char order[] = {0xE0, 0xDB, 0xDB, 0xC0, 0xC4, 0xC4, 0xC4, 0xC4, 0xDA};
-    for (size_t i = 0; i < 9; ++i) EXPECT_EQ(s[i].marker, order[i]) << i;
-    EXPECT_EQ(std::string(s[0].body.begin(), s[0].body.begin() + 5), std::string("JFIF\0", 5));
-    EXPECT_EQ(s[1].body[0], 0);  // luminance table, then chrominance
-    EXPECT_EQ(s[2].body[0], 1);
-    EXPECT_EQ(s[3].body, (Bytes{8, Bytes::value_type(h >> 8), Bytes::value_type(h & 0xFF),
-                                Bytes::value_type(w >> 8), Bytes::value_type(w & 0xFF), 3, 1, 0x11, 0, 2, 0x11,
-                                1, 3, 0x11, 1}));
-    const int classes[] = {0x00, 0x10, 0x01, 0x11};
-    for (int i = 0; i < 4; ++i) {
-        const Bytes& b = s[4 + i].body;
-        EXPECT_EQ(b[0], classes[i]);
-        int symbols = 0;
-        for (int k = 1; k <= 16; ++k) symbols += b[k];
-        EXPECT_EQ(symbols, i % 2 ? 162 : 12);
-        EXPECT_EQ(b.size(), 17u + symbols);
-    }
-    EXPECT_EQ(s[8].body, (Bytes{3, 1, 0x00, 2, 0x11, 3, 0x11, 0, 0x3F, 0}));
-    // Every 0xFF in the coded data is stuffed; the file ends with EOI.
-    EXPECT_GE(data.size(), 2u);
-    EXPECT_EQ(Bytes(data.end() - 2, data.end()), (Bytes{0xFF, 0xD9}));
-    for (size_t i = 0; i + 2 < data.size(); ++i) {
-        if (data[i] == 0xFF) {
-            EXPECT_EQ(data[i + 1], 0x00) << "unstuffed 0xFF at " << i;
-        }
-    }
-    Bytes q(s[1].body.begin() + 1, s[1].body.end());
-    q.insert(q.end(), s[2].body.begin() + 1, s[2].body.end());
+    EXPECT_EQ(markers, (Bytes{0xE0, 0xDB, 0xDB, 0xC0, 0xC4, 0xC4, 0xC4, 0xC4, 0xDA}));
+    EXPECT_EQ(Bytes(f.end() - 2, f.end()), (Bytes{0xFF, 0xD9}));
+    for (size_t i = pos; i + 2 < f.size(); ++i) EXPECT_TRUE(f[i] != 0xFF || f[i + 1] == 0) << "unstuffed 0xFF at " << i;
     return q;
 }
 
@@ -96,11 +58,7 @@ Bytes Noise(size_t n) {
 }
 
 TEST(JpegEncoder, PicturesDecodeBackWithTheRightLayout) {
-    struct {
-        const char* source;  // lavfi source, "noise" or "grey"
-        int w, h, quality;
-        double min_psnr;
-    } cases[] = {
+    struct { const char* source; int w, h, quality; double min_psnr; } cases[] = {  // lavfi source, "noise" or "grey"
         {"testsrc", 352, 288, 100, 45}, {"testsrc", 250, 130, 100, 45}, {"testsrc", 66, 34, 100, 45},
         {"testsrc", 18, 10, 100, 45},   {"testsrc2", 320, 240, 100, 28}, {"testsrc2", 320, 240, 75, 28},
         {"testsrc2", 320, 240, 20, 28}, {"noise", 64, 48, 100, 45},     {"grey", 8, 16, 100, 1000},
@@ -108,8 +66,7 @@ TEST(JpegEncoder, PicturesDecodeBackWithTheRightLayout) {
     size_t previous_size = 0;
     double previous_psnr = 0;
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.source) + " " + std::to_string(c.w) + "x" + std::to_string(c.h) + " q" +
-                     std::to_string(c.quality));
+        SCOPED_TRACE(std::string(c.source) + " " + std::to_string(c.w) + " q" + std::to_string(c.quality));
         const size_t plane = static_cast<size_t>(c.w) * c.h;
         const std::string src = c.source;
         const Bytes yuv = src == "noise"  ? Noise(plane * 3 / 2)
@@ -117,20 +74,27 @@ TEST(JpegEncoder, PicturesDecodeBackWithTheRightLayout) {
                                           : camctl_test::RawTestFrame(src, c.w, c.h, "yuv420p", 10);
         const Bytes f = Encode(yuv, c.w, c.h, c.quality, 64 * 1024 + plane * 8);
         ASSERT_FALSE(f.empty());
-        CheckLayout(f, c.w, c.h);
+        CheckLayout(f);
         const camctl_test::DecodedJpeg d = camctl_test::DecodeJpeg(f, JCS_YCbCr);
         ASSERT_TRUE(d.ok);
         EXPECT_EQ(d.warnings, 0);
-        ASSERT_EQ(d.width, c.w);
-        ASSERT_EQ(d.height, c.h);
-        ASSERT_EQ(d.components, 3);
-        EXPECT_EQ(d.mcusPerRow, (c.w + 7) / 8);  // one Y, U and V block per 8x8 position
-        EXPECT_EQ(d.mcuRows, (c.h + 7) / 8);
+        ASSERT_EQ(std::make_tuple(d.width, d.height, d.components), std::make_tuple(c.w, c.h, 3));
+        // One Y, U and V block per 8x8 position.
+        EXPECT_EQ(std::make_pair(d.mcusPerRow, d.mcuRows), std::make_pair((c.w + 7) / 8, (c.h + 7) / 8));
         const Bytes expected = camctl_test::I420ToYuv444(yuv.data(), c.w, c.h);
         const double psnr = camctl_test::Psnr(expected.data(), d.pixels.data(), expected.size());
         EXPECT_GE(psnr, c.min_psnr);
-        if (src == "noise") {
-            EXPECT_GT(f.size(), plane * 3);  // needs more than the short form's room
+        EXPECT_TRUE(src != "noise" || f.size() > plane * 3);  // needs more than the short form's room
+        if (c.w == 352) {  // djpeg (which prints any warning) and ffprobe read the file
+            camctl_test::TempDir dir;
+            const std::string path = dir / "frame.jpg", ppm = dir / "frame.ppm";
+            std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(f.data()), long(f.size()));
+            EXPECT_EQ(camctl_test::Ffprobe("-show_entries stream=codec_name,width,height,pix_fmt -of csv=p=0", path),
+                      "mjpeg,352,288,yuvj444p\n");
+            std::string out;
+            EXPECT_EQ(camctl_test::RunCommand("djpeg -ppm -outfile '" + ppm + "' '" + path + "' 2>&1", &out), 0);
+            EXPECT_EQ(out, "");
+            EXPECT_EQ(camctl_test::FileSize(ppm), 15 + plane * 3);
         }
         if (src == "testsrc2" && c.quality < 100) {  // lower quality: smaller file, lower fidelity
             EXPECT_LT(f.size(), previous_size);
@@ -143,18 +107,14 @@ TEST(JpegEncoder, PicturesDecodeBackWithTheRightLayout) {
 
 TEST(JpegEncoder, QualityShapesTheQuantisers) {
     const Bytes yuv = camctl_test::RawTestFrame("testsrc", 64, 64, "yuv420p");
-    auto tables = [&](int quality) { return CheckLayout(Encode(yuv, 64, 64, quality, 256 * 1024), 64, 64); };
+    auto tables = [&](int quality) { return CheckLayout(Encode(yuv, 64, 64, quality, 256 * 1024)); };
     EXPECT_EQ(tables(100), Bytes(128, 1));
     EXPECT_EQ(tables(150), tables(100));
     for (int q : {0, -7, 1}) EXPECT_EQ(tables(q), Bytes(128, 255)) << q;
     // Quality 50 keeps the example tables (zig-zag order); others scale them.
     const Bytes q50 = tables(50), q75 = tables(75), q10 = tables(10);
-    EXPECT_EQ(Bytes(q50.begin(), q50.begin() + 6), (Bytes{16, 11, 12, 14, 12, 10}));
-    EXPECT_EQ(q50[63], 99);
-    EXPECT_EQ(Bytes(q50.begin() + 64, q50.begin() + 67), (Bytes{17, 18, 18}));
-    EXPECT_EQ(q75[0], 8);
-    EXPECT_EQ(q10[0], 80);
-    EXPECT_EQ(q10[127], 255);
+    EXPECT_EQ((Bytes{q50[0], q50[1], q50[2], q50[63], q50[64], q50[65], q75[0], q10[0], q10[127]}),
+              (Bytes{16, 11, 12, 99, 17, 18, 8, 80, 255}));
     for (size_t i = 0; i < 128; ++i) EXPECT_TRUE(q75[i] <= q50[i] && q50[i] <= q10[i]) << i;
 }
 
@@ -189,25 +149,6 @@ TEST(JpegEncoder, RefusesWithoutWritingPastTheCapacity) {
     EXPECT_EQ(length, 0u);
 }
 
-TEST(JpegEncoder, DjpegAndFfprobeReadTheFile) {
-    const int w = 640, h = 480;
-    const Bytes f = Encode(camctl_test::RawTestFrame("testsrc", w, h, "yuv420p", 5), w, h, 100, w * h * 3);
-    ASSERT_FALSE(f.empty());
-    camctl_test::TempDir dir;
-    const std::string path = dir / "frame.jpg";
-    FILE* file = fopen(path.c_str(), "wb");
-    ASSERT_NE(file, nullptr);
-    fwrite(f.data(), 1, f.size(), file);
-    fclose(file);
-    EXPECT_EQ(camctl_test::Ffprobe(
-                  "-select_streams v:0 -show_entries stream=codec_name,width,height,pix_fmt -of csv=p=0", path),
-              "mjpeg,640,480,yuvj444p\n");
-    std::string out;  // djpeg prints any warning about the data
-    EXPECT_EQ(camctl_test::RunCommand("djpeg -ppm -outfile '" + dir / "frame.ppm" + "' '" + path + "' 2>&1", &out), 0);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(camctl_test::FileSize(dir / "frame.ppm"), 15 + w * h * 3);
-}
-
 TEST(JpegEncoder, DctPathsAgreeAndQuantisersRound) {
     std::mt19937 rng(3);
     for (int trial = 0; trial < 200; ++trial) {
@@ -219,23 +160,15 @@ TEST(JpegEncoder, DctPathsAgreeAndQuantisersRound) {
         ASSERT_EQ(std::memcmp(plain, vec, sizeof plain), 0) << "trial " << trial;
     }
     // Halves round up, other values toward the nearest, negatives toward zero below.
-    const std::pair<float, int> rounding[] = {{2.5f, 3},   {2.49f, 2},  {0.6f, 1},          {-0.6f, 0},
-                                              {-1.7f, -1}, {-2.5f, -2}, {-1023.2f, -1022}};
+    const std::pair<float, int> rounding[] = {{2.5f, 3}, {2.49f, 2}, {0.6f, 1}, {-0.6f, 0}, {-1.7f, -1}, {-2.5f, -2}, {-1023.2f, -1022}};
     for (auto [value, rounded] : rounding) EXPECT_EQ(jpeg_internal::RoundQuantized(value), rounded) << value;
     // The block quantiser writes zig-zag order, clamped to the baseline range.
     alignas(16) float coef[64], divisor[64];
-    for (int i = 0; i < 64; ++i) {
-        coef[i] = static_cast<float>(i);
-        divisor[i] = 1.0f;
-    }
-    coef[0] = -5000.0f;
-    coef[1] = 5000.0f;
+    for (int i = 0; i < 64; ++i) coef[i] = i < 2 ? (i ? 5000.0f : -5000.0f) : float(i), divisor[i] = 1.0f;
     int16_t out[64];
     jpeg_internal::QuantizeBlock(coef, divisor, out);
-    EXPECT_EQ(out[0], -1024);
-    EXPECT_EQ(out[1], 1023);  // natural index 1
-    EXPECT_EQ(out[2], 8);     // natural index 8: the walk goes down first
-    EXPECT_EQ(out[63], 63);
+    // Natural index 1, then 8 (the walk goes down first), the last one last.
+    EXPECT_EQ((std::vector<int>{out[0], out[1], out[2], out[63]}), (std::vector<int>{-1024, 1023, 8, 63}));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Faults: list position/cursor off by one, lost wake-ups, a wait that keeps or loses the caller's lock, foreign unlocks, URL masking, print format.
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -9,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "runtime/os.h"
-#include "support/engine_support.h"
+#include "support/media_support.h"
 
 namespace {
 
@@ -21,9 +22,10 @@ std::vector<intptr_t> Values(const os_list* list) {
     return out;
 }
 
-os_list* Filled(int first, int last) {
-    os_list* list = os_list_create();
-    for (int i = first; i <= last; ++i) EXPECT_EQ(os_list_insert(list, V(i), -1), i - first + 1);
+using ListPtr = std::unique_ptr<os_list, void (*)(os_list*)>;
+ListPtr Filled(int first, int last) {
+    ListPtr list(os_list_create(), [](os_list* l) { os_list_destroy(l, nullptr); });
+    for (int i = first; i <= last; ++i) EXPECT_EQ(os_list_insert(list.get(), V(i), -1), i - first + 1);
     return list;
 }
 
@@ -31,15 +33,13 @@ TEST(List, InsertGetRemoveAndEraseWhileIterating) {
     const struct { int pos; std::vector<intptr_t> expect; } cases[] = {
         {0, {9, 1, 2, 3}}, {2, {1, 2, 9, 3}}, {3, {1, 2, 3, 9}}, {7, {1, 2, 3, 9}}, {-1, {1, 2, 3, 9}}};
     for (const auto& c : cases) {
-        os_list* list = Filled(1, 3);
-        EXPECT_EQ(os_list_insert(list, V(9), c.pos), 4) << c.pos;
-        EXPECT_EQ(Values(list), c.expect) << c.pos;
-        os_list_destroy(list, nullptr);
+        ListPtr list = Filled(1, 3);
+        EXPECT_EQ(os_list_insert(list.get(), V(9), c.pos), 4) << c.pos;
+        EXPECT_EQ(Values(list.get()), c.expect) << c.pos;
     }
-    os_list* list = Filled(1, 3);
-    EXPECT_EQ(os_list_get(list, 2), V(3));
-    EXPECT_EQ(os_list_get(list, 3), nullptr);
-    EXPECT_EQ(os_list_get(list, -1), nullptr);
+    os_list* list = Filled(1, 3).release();
+    EXPECT_EQ((std::vector<void*>{os_list_get(list, 2), os_list_get(list, 3), os_list_get(list, -1)}),
+              (std::vector<void*>{V(3), nullptr, nullptr}));
     EXPECT_EQ(os_list_remove(list, 3), -1);
     EXPECT_EQ(os_list_remove(list, 0), 2);
     EXPECT_EQ(os_list_at_end(list, 2), 1);
@@ -47,23 +47,21 @@ TEST(List, InsertGetRemoveAndEraseWhileIterating) {
     os_list_destroy(list, [](void* v) { destroyed.push_back(reinterpret_cast<intptr_t>(v)); });
     EXPECT_EQ(destroyed, (std::vector<intptr_t>{2, 3}));
     EXPECT_EQ(os_list_count(nullptr), -1);
-
-    // Erase the even values (head, middle and tail), keep the odd ones, then erase the rest.
-    list = Filled(2, 6);
+    // Erase the even values (head, middle and tail) while walking, then the rest.
+    ListPtr walked = Filled(2, 6);
     os_list_iter it{};
-    for (void* v = os_list_begin(list, &it); v;)
+    for (void* v = os_list_begin(walked.get(), &it); v;)
         v = reinterpret_cast<intptr_t>(v) % 2 == 0 ? os_list_erase(&it) : os_list_next(&it);
-    EXPECT_EQ(Values(list), (std::vector<intptr_t>{3, 5}));
-    for (void* v = os_list_begin(list, &it); v;) v = os_list_erase(&it);
-    EXPECT_EQ(list->head, nullptr);
-    EXPECT_EQ(os_list_insert(list, V(8), 5), 1);
-    os_list_destroy(list, nullptr);
+    EXPECT_EQ(Values(walked.get()), (std::vector<intptr_t>{3, 5}));
+    for (void* v = os_list_begin(walked.get(), &it); v;) v = os_list_erase(&it);
+    EXPECT_EQ(walked->head, nullptr);
+    EXPECT_EQ(os_list_insert(walked.get(), V(8), 5), 1);
 }
 
-TEST(Sync, MutexIsRecursiveAndOnlyItsOwnerReleasesIt) {
+TEST(Sync, MutexSemaphoreAndConditionWaits) {
     OsMutexPtr m(os_mutex_create());
     ASSERT_EQ(os_mutex_lock(m.get()), 0);
-    ASSERT_EQ(os_mutex_lock(m.get()), 0);
+    ASSERT_EQ(os_mutex_lock(m.get()), 0);  // recursive
     std::thread([&] { EXPECT_EQ(os_mutex_unlock(m.get()), 0); }).join();  // not the owner: ignored
     std::atomic<bool> acquired{false};
     std::thread other([&] {
@@ -71,25 +69,22 @@ TEST(Sync, MutexIsRecursiveAndOnlyItsOwnerReleasesIt) {
         acquired = true;
     });
     os_mutex_unlock(m.get());
-    // Still held once. A short look: load can only make it pass more often, never fail.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_FALSE(acquired.load());
+    // Still held once: the other thread must not get it (load only hides a fault, never fails the test).
+    EXPECT_FALSE(camctl_test::WaitFor([&] { return acquired.load(); }, 50));
     os_mutex_unlock(m.get());
     other.join();
+    EXPECT_TRUE(acquired);
     EXPECT_EQ(os_mutex_lock(nullptr), -1);
-}
 
-TEST(Sync, SemaphoreAndConditionWaits) {
     OsSemPtr s(os_sem_create(2));
     EXPECT_EQ(os_sem_timedwait(s.get(), 0), 0);
     EXPECT_EQ(os_sem_timedwait(s.get(), 0xFFFFFFFFu), 0);
-    auto start = std::chrono::steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(os_sem_timedwait(s.get(), 30), 1);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
     EXPECT_EQ(os_sem_create(-1), nullptr);
 
     OsCondPtr c(os_cond_create());
-    OsMutexPtr m(os_mutex_create());
     os_cond_signal(c.get());  // nobody waits yet: kept for the next wait
     {
         OsMutexLock lock(m.get());
@@ -133,13 +128,10 @@ TEST(Text, CopyMaskAndPrint) {
         MaskUrlCredentials(c.url, out, sizeof out);
         EXPECT_STREQ(out, c.masked);
     }
-    std::string text;
-    {
-        camctl_test::StderrCapture capture;
-        os_print("open %s failed (%d)", "cam3", -5);
-        os_print("%s", std::string(3000, 'm').c_str());
-        text = capture.Text();
-    }
+    testing::internal::CaptureStderr();  // a line as it comes, then one cut at its end
+    os_print("open %s failed (%d)", "cam3", -5);
+    os_print("%s", std::string(3000, 'm').c_str());
+    const std::string text = testing::internal::GetCapturedStderr();
     const size_t nl = text.find('\n');
     ASSERT_NE(nl, std::string::npos);
     EXPECT_TRUE(std::regex_match(text.substr(0, nl + 1),
