@@ -25,7 +25,7 @@ class PacedFileSession final : public CFileVideoSession {
 public:
     int DoVideoBuffer(unsigned char*, int, int) override {
         FFMpegContext* c = ctx.load();
-        if (!c || !c->m_bAudioClock) return 0;
+        if (!c || !c->m_AudioClock.Active()) return 0;
         const AudioClock::State clock = c->m_AudioClock.Load();
         if (!clock.refTick || !clock.refPts || !clock.videoOffset) return 0;
         // Same 32-bit tick arithmetic as the pacing itself (90 kHz video).

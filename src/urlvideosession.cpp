@@ -53,7 +53,7 @@ int CUrlVideoSession::StopSaveAvi() {
 int64_t CUrlVideoSession::GetSaveAviDurationSec() {
     if (!m_bOpen || !m_pContext) return 0;
     // Unsigned 32-bit difference: right across the tick counter's wrap.
-    const uint32_t elapsed = os_tick_count() - uint32_t(m_pContext->nSaveTickCount.load());
+    const uint32_t elapsed = os_tick_count() - uint32_t(m_pContext->m_Recorder.StartTick());
     return elapsed / 1000;
 }
 

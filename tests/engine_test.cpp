@@ -1,6 +1,4 @@
-// Media engine on real files: opening, decoding every codec into both
-// picture layouts, layout details, resolution changes, queue limits, seeking,
-// closing, and thread names that tell two sources apart.
+// Catches: a codec decoded to the wrong size or layout, padded or flipped rows, a missed resolution change, a queue past its limit, audio at index 0 ignored, open failures that leak threads, unnamed threads, pacing that does not wait for the audio clock, credentials in log lines.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -289,13 +287,16 @@ TEST(EngineStreamTest, ThreadsNamedAfterTheirSource) {
         << want;
 }
 
+// Waits are checked from below (a sleep lasts at least its time); the upper
+// bounds only catch a wait of the wrong order, so a loaded machine passes.
 TEST(EnginePacingTest, SyncVideoToAudio_SleepsUntilDueOnTheAudioClock) {
+    constexpr long long kAtOnceMs = 150;
     FFMpegContext* ctx = FFMpegContextAlloc();
     ASSERT_NE(ctx, nullptr);
     ctx->m_bRunning = 1;
     const uint64_t now = os_tick_count();
     // No valid audio reference: no wait.
-    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), 20);
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), kAtOnceMs);
 
     // Private HTTP source, millisecond stamps: audio stamp 1000 played 100 ms
     // ago, so video stamp 1300 is due in 200 ms.
@@ -303,20 +304,20 @@ TEST(EnginePacingTest, SyncVideoToAudio_SleepsUntilDueOnTheAudioClock) {
     ctx->m_AudioClock.Store({now - 100, 1000, 1, 0});
     long long waited = camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 1300); });
     EXPECT_GE(waited, 170);
-    EXPECT_LE(waited, 400);
-    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900); }), 20);  // late: at once
+    EXPECT_LE(waited, 1500);
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900); }), kAtOnceMs);  // late: at once
     ctx->m_AudioClock.Store({os_tick_count() + 5000, 1000, 1, 0});  // reference in the future
-    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 90000); }), 20);
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 90000); }), kAtOnceMs);
 
     // 90 kHz stamps: the first packet sets the offset and is due at once; one
     // 9000 ticks later is due 100 ms after it.
     ctx->m_bHttpSource = 0;
     ctx->m_AudioClock.Store({os_tick_count(), 1, 1, 0});
-    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), 20);
+    EXPECT_LT(camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 900000); }), kAtOnceMs);
     EXPECT_NE(ctx->m_AudioClock.Load().videoOffset, 0u);
     waited = camctl_test::TimeMs([&] { SyncVideoToAudio(ctx, 909000); });
     EXPECT_GE(waited, 70);
-    EXPECT_LE(waited, 300);
+    EXPECT_LE(waited, 1500);
     FFMpegContextFree(ctx);
 }
 

@@ -1,12 +1,11 @@
-// Private HTTP frame protocol: the frame cutter on crafted buffers, the
-// frame reader over an in-memory connection, and the reader over a real
-// HTTP connection to the camera simulator.
+// Catches: an off-by-one in the marker search or header fields, a frame cut at a payload marker, a lost frame at a read boundary, junk or oversize or wrap-round sizes taken as frames, a wrong log text, wrong packet flags/timestamps/streams, a missed audio change, a wrong motion text.
 #include "engine/http_frame.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "camsim/frame_format.h"
@@ -88,7 +87,6 @@ public:
     std::string Take() { return testing::internal::GetCapturedStderr(); }
 };
 
-// ---------------------------------------------------------------------------
 // Marker search and header decoding.
 
 TEST(HttpFrameHeader_Parse, MarkerSearchCoversEveryPositionUpToLenMinus4) {
@@ -122,17 +120,11 @@ TEST(HttpFrameHeader_Parse, DecodesEveryFieldTheSimulatorWrites) {
     HttpFrameHeader out;
     ASSERT_EQ(ParseFrameHeader(bytes.data(), static_cast<uint32_t>(bytes.size()), &out), 0);
     EXPECT_EQ(out.marker, 0x00112233u);
-    EXPECT_EQ(out.ver, 0x01020304u);
     EXPECT_EQ(out.reserved[0], 0x33);
-    EXPECT_EQ(out.stream_type, 2u);
-    EXPECT_EQ(out.size, 1234u);
-    EXPECT_EQ(out.codec, 3u);
-    EXPECT_EQ(out.frame_kind, 1u);
-    EXPECT_EQ(out.width, 2560u);
-    EXPECT_EQ(out.height, 1440u);
-    EXPECT_EQ(out.audio_codec, -1);
-    EXPECT_EQ(out.sample_rate, 16000u);
-    EXPECT_EQ(out.timestamp, 0x123456789AULL);
+    EXPECT_EQ(std::tie(out.ver, out.stream_type, out.size, out.codec, out.frame_kind, out.width, out.height,
+                       out.audio_codec, out.sample_rate, out.timestamp),
+              std::tie(h.ver, h.stream_type, h.size, h.codec, h.frame_kind, h.width, h.height, h.audio_codec,
+                       h.sample_rate, h.timestamp));
 
     // A header whose 88 bytes are not all there, no marker, bad arguments.
     EXPECT_EQ(ParseFrameHeader(bytes.data(), 3 + 87, &out), -1);
@@ -141,122 +133,121 @@ TEST(HttpFrameHeader_Parse, DecodesEveryFieldTheSimulatorWrites) {
     EXPECT_EQ(ParseFrameHeader(bytes.data(), 200, nullptr), -1);
 }
 
-// ---------------------------------------------------------------------------
 // Cutting frames out of a buffer.
 
-TEST(HttpReadFrame_Cut, FrameEndsOnlyAtTheMarkerExactlyBehindItsPayload) {
-    Bytes payload = Payload(300, 5);
-    // Marker patterns inside the payload, one straddling the header end.
-    std::copy(kMarker.begin(), kMarker.end(), payload.begin());
-    std::copy(kMarker.begin(), kMarker.end(), payload.begin() + 150);
-    std::copy(kMarker.begin(), kMarker.end(), payload.end() - 4);
-    Bytes stream = Frame(VideoHeader(40), payload);
-    Append(&stream, Frame(VideoHeader(80, false), Payload(10, 1)));
+// One frame cut out of crafted bytes: the first call sees `first` bytes;
+// when it asks for more, a second call resumes (at allreadsize) with `total`.
+struct CutCase {
+    const char* name;
+    Bytes bytes;
+    uint32_t first, total;
+    int ret1, ret2;            // ret2: only when total > 0
+    Bytes payload;             // after HTTP_FRAME_OK
+    uint32_t allreadsize;      // after the last call
+    ptrdiff_t startAt;         // -1: no frame start
+    const char* log;           // expected in the log, "" for none
+    const char* log2 = "";
+    bool skipAllread = false;  // the wrap-round case checks only that no frame is cut
+};
 
-    LogCapture log;
-    HttpFrameState state;
-    ASSERT_EQ(http_read_frame(stream.data(), static_cast<uint32_t>(stream.size()), &state), HTTP_FRAME_OK);
-    std::string text = log.Take();
-    EXPECT_EQ(state.payload, payload);
-    EXPECT_EQ(state.allreadsize, 88u + 300u);
-    EXPECT_EQ(state.integrity, 0);
-    EXPECT_EQ(state.header.timestamp, 40u);
-    EXPECT_NE(text.find("[enter http_find_right_endbuffer]sizeof:88, header.size:300,allreadsize:88,"), std::string::npos)
-        << text;
-    EXPECT_NE(text.find("[http_find_right_endbuffer return HTTP_FRAME_OK]sizeof:88, header.size:300,allreadsize:388,"
-                        "ntegrity:0,"),
-              std::string::npos)
-        << text;
+std::vector<CutCase> CutCases() {
+    std::vector<CutCase> cases;
+    {   // Marker patterns inside the payload (one straddling the header end):
+        // the frame ends only at the marker exactly behind its payload.
+        Bytes payload = Payload(300, 5);
+        std::copy(kMarker.begin(), kMarker.end(), payload.begin());
+        std::copy(kMarker.begin(), kMarker.end(), payload.begin() + 150);
+        std::copy(kMarker.begin(), kMarker.end(), payload.end() - 4);
+        Bytes s = Frame(VideoHeader(40), payload);
+        Append(&s, Frame(VideoHeader(80, false), Payload(10, 1)));
+        cases.push_back({"payload markers", s, uint32_t(s.size()), 0, HTTP_FRAME_OK, 0, payload, 388, 0,
+                         "[http_find_right_endbuffer return HTTP_FRAME_OK]sizeof:88, header.size:300,allreadsize:388,ntegrity:0,"});
+        cases.back().log2 = "[enter http_find_right_endbuffer]sizeof:88, header.size:300,allreadsize:88,";
+    }
+    {   // Cut inside the next frame's marker: the scan resumes 3 bytes back.
+        Bytes s = Frame(VideoHeader(0), Payload(100, 3));
+        Append(&s, Frame(VideoHeader(40), Payload(20, 4)));
+        cases.push_back({"split marker", s, 88 + 100 + 2, 88 + 100 + 12, HTTP_DATA_NO_ENOUGH, HTTP_FRAME_OK,
+                         Payload(100, 3), 188, 0, ""});
+    }
+    {   // Junk without a marker is an empty frame; junk before one is skipped.
+        Bytes junk = Payload(500, 9);
+        cases.push_back({"no marker", junk, 500, 0, HTTP_FRAME_OK, 0, {}, 0, -1, ""});
+        Bytes s = Payload(37, 2);
+        Append(&s, Frame(VideoHeader(7), Payload(64, 8)));
+        Append(&s, Frame(VideoHeader(47), Payload(8, 1)));
+        cases.push_back({"junk first", s, uint32_t(s.size()), 0, HTTP_FRAME_OK, 0, Payload(64, 8), 88 + 64, 37, ""});
+    }
+    {   // A size that misses the next marker fails.
+        Bytes s(88 + 50, 0x55);
+        camsim::EncodeHeader(VideoHeader(0), s.data());
+        s[52] = 10;  // announces 10 bytes, the next marker is 50 bytes on
+        s[53] = s[54] = s[55] = 0;
+        Append(&s, Frame(VideoHeader(40), Payload(8, 1)));
+        Append(&s, Frame(VideoHeader(80), Payload(8, 1)));
+        cases.push_back({"size misses marker", s, uint32_t(s.size()), 0, HTTP_FRAME_FAILED, 0, {}, 0, 0,
+                         "[http_find_right_endbuffer return HTTP_FRAME_FAILED]"});
+    }
+    {   // Over 2,000,000 bytes announced.
+        camsim::FrameHeader h = VideoHeader(0);
+        h.size = HTTP_FRAME_MAX_PAYLOAD + 1;
+        Bytes s(88);
+        camsim::EncodeHeader(h, s.data());
+        Append(&s, Frame(VideoHeader(40), Payload(8, 1)));
+        cases.push_back({"oversize", s, uint32_t(s.size()), 0, HTTP_DATA_ERROR, 0, {}, 0, 0,
+                         "ret =http_read_frame= HTTP_DATA_ERRORret1 == HTTP_DATA_ERROR \n"});
+    }
+    {   // 0xFFFFFFB0 + 88 is 8 in 32 bits: a marker 8 bytes after the start
+        // (in the reserved bytes) is not the end of a 4 GB frame.
+        camsim::FrameHeader h = VideoHeader(0);
+        h.size = 0xFFFFFFB0u;
+        std::copy(kMarker.begin(), kMarker.end(), h.reserved);
+        Bytes s(88);
+        camsim::EncodeHeader(h, s.data());
+        Bytes tail = Payload(40, 3);
+        std::copy(kMarker.begin(), kMarker.end(), tail.begin() + 20);
+        Append(&s, tail);
+        cases.push_back({"wrap-round size", s, 10, uint32_t(s.size()), HTTP_DATA_NO_ENOUGH, HTTP_DATA_NO_ENOUGH, {},
+                         0, 0, ""});
+        cases.back().skipAllread = true;
+    }
+    return cases;
 }
 
-TEST(HttpReadFrame_Cut, IncompleteFrameAsksForMoreAndResumesThreeBytesBack) {
-    Bytes stream = Frame(VideoHeader(0), Payload(100, 3));
-    Append(&stream, Frame(VideoHeader(40), Payload(20, 4)));
-    HttpFrameState state;
-    // Cut inside the next frame's marker: 2 of its 4 bytes present.
-    const uint32_t first = 88 + 100 + 2;
-    EXPECT_EQ(http_read_frame(stream.data(), first, &state), HTTP_DATA_NO_ENOUGH);
-    EXPECT_EQ(state.integrity, HTTP_INTEGRITY_PARTIAL);
-    EXPECT_EQ(state.allreadsize, first - 3);
-    EXPECT_EQ(state.start, stream.data());
-    // The scan resumes 3 bytes before the old end, so the split marker is found.
-    const uint32_t total = first + 10;
-    ASSERT_EQ(http_read_frame(stream.data() + state.allreadsize, total - state.allreadsize, &state), HTTP_FRAME_OK);
-    EXPECT_EQ(state.allreadsize, 188u);
-    EXPECT_EQ(state.payload, Payload(100, 3));
-}
-
-TEST(HttpReadFrame_Cut, NoMarkerInAFreshStateIsAnEmptyFrame) {
-    Bytes junk = Payload(500, 9);
-    HttpFrameState state;
-    EXPECT_EQ(http_read_frame(junk.data(), 500, &state), HTTP_FRAME_OK);
-    EXPECT_EQ(state.start, nullptr);
-    EXPECT_TRUE(state.payload.empty());
-    EXPECT_EQ(state.allreadsize, 0u);
-    EXPECT_EQ(state.header.stream_type, 0u);
+TEST(HttpReadFrame_Cut, CraftedFrames) {
+    for (const CutCase& c : CutCases()) {
+        SCOPED_TRACE(c.name);
+        LogCapture log;
+        HttpFrameState state;
+        int ret = http_read_frame(c.bytes.data(), c.first, &state);
+        EXPECT_EQ(ret, c.ret1);
+        if (c.total) {
+            if (!c.skipAllread) {
+                EXPECT_EQ(state.integrity, HTTP_INTEGRITY_PARTIAL);
+                EXPECT_EQ(state.start, c.bytes.data());
+                EXPECT_EQ(state.allreadsize, c.first - 3);
+            }
+            ret = http_read_frame(c.bytes.data() + state.allreadsize, c.total - state.allreadsize, &state);
+            EXPECT_EQ(ret, c.ret2);
+        }
+        const std::string text = log.Take();
+        EXPECT_EQ(state.payload, c.payload);
+        if (!c.skipAllread) {
+            EXPECT_EQ(state.allreadsize, c.allreadsize);
+        }
+        if (ret == HTTP_FRAME_OK) {
+            EXPECT_EQ(state.integrity, 0);
+            EXPECT_EQ(state.start, c.startAt < 0 ? nullptr : c.bytes.data() + c.startAt);
+        }
+        EXPECT_NE(text.find(c.log), std::string::npos) << text;
+        EXPECT_NE(text.find(c.log2), std::string::npos) << text;
+    }
     // Bad arguments.
+    HttpFrameState state;
+    Bytes junk = Payload(8, 1);
     EXPECT_EQ(http_read_frame(nullptr, 5, &state), HTTP_FRAME_FAILED);
     EXPECT_EQ(http_read_frame(junk.data(), 0, &state), HTTP_FRAME_FAILED);
     EXPECT_EQ(http_read_frame(junk.data(), 5, nullptr), HTTP_FRAME_FAILED);
-}
-
-TEST(HttpReadFrame_Cut, JunkBeforeTheFirstMarkerIsSkipped) {
-    Bytes stream = Payload(37, 2);
-    Bytes payload = Payload(64, 8);
-    Append(&stream, Frame(VideoHeader(7), payload));
-    Append(&stream, Frame(VideoHeader(47), Payload(8, 1)));
-    HttpFrameState state;
-    ASSERT_EQ(http_read_frame(stream.data(), static_cast<uint32_t>(stream.size()), &state), HTTP_FRAME_OK);
-    EXPECT_EQ(state.start, stream.data() + 37);
-    EXPECT_EQ(state.payload, payload);
-    // What is consumed is the frame's length, not the junk.
-    EXPECT_EQ(state.allreadsize, 88u + 64u);
-}
-
-TEST(HttpReadFrame_Cut, SizeThatMissesTheNextMarkerFails) {
-    camsim::FrameHeader h = VideoHeader(0);
-    Bytes stream(88 + 50);
-    camsim::EncodeHeader(h, stream.data());
-    stream[52] = 10;  // announces 10 bytes, the next marker is 50 bytes on
-    for (size_t i = 88; i < stream.size(); ++i) stream[i] = 0x55;
-    Append(&stream, Frame(VideoHeader(40), Payload(8, 1)));
-    Append(&stream, Frame(VideoHeader(80), Payload(8, 1)));
-    LogCapture log;
-    HttpFrameState state;
-    EXPECT_EQ(http_read_frame(stream.data(), static_cast<uint32_t>(stream.size()), &state), HTTP_FRAME_FAILED);
-    EXPECT_NE(log.Take().find("[http_find_right_endbuffer return HTTP_FRAME_FAILED]"), std::string::npos);
-}
-
-TEST(HttpReadFrame_Cut, OversizeHeaderIsADataError) {
-    camsim::FrameHeader h = VideoHeader(0);
-    Bytes stream(88);
-    h.size = HTTP_FRAME_MAX_PAYLOAD + 1;
-    camsim::EncodeHeader(h, stream.data());
-    Append(&stream, Frame(VideoHeader(40), Payload(8, 1)));
-    LogCapture log;
-    HttpFrameState state;
-    EXPECT_EQ(http_read_frame(stream.data(), static_cast<uint32_t>(stream.size()), &state), HTTP_DATA_ERROR);
-    EXPECT_NE(log.Take().find("ret =http_read_frame= HTTP_DATA_ERRORret1 == HTTP_DATA_ERROR \n"), std::string::npos);
-}
-
-TEST(HttpReadFrame_Cut, HugeSizeCannotWrapRoundOnTheResumedPath) {
-    // 0xFFFFFFB0 + 88 is 8 in 32 bits: a marker 8 bytes after the start
-    // (in the reserved bytes) must not be taken for the end of a 4 GB frame.
-    camsim::FrameHeader h = VideoHeader(0);
-    Bytes stream(88);
-    h.size = 0xFFFFFFB0u;
-    std::copy(kMarker.begin(), kMarker.end(), h.reserved);
-    camsim::EncodeHeader(h, stream.data());
-    Bytes tail = Payload(40, 3);
-    std::copy(kMarker.begin(), kMarker.end(), tail.begin() + 20);
-    Append(&stream, tail);
-    HttpFrameState state;
-    // The first read ends before that marker, the resumed scan finds it.
-    ASSERT_EQ(http_read_frame(stream.data(), 10, &state), HTTP_DATA_NO_ENOUGH);
-    int ret = http_read_frame(stream.data() + state.allreadsize,
-                              static_cast<uint32_t>(stream.size()) - state.allreadsize, &state);
-    EXPECT_EQ(ret, HTTP_DATA_NO_ENOUGH);
-    EXPECT_TRUE(state.payload.empty());
 }
 
 TEST(HttpReadFrame_Cut, EveryReadBoundaryGivesTheSameFrames) {
@@ -285,7 +276,6 @@ TEST(HttpReadFrame_Cut, EveryReadBoundaryGivesTheSameFrames) {
     testing::internal::GetCapturedStderr();
 }
 
-// ---------------------------------------------------------------------------
 // The frame reader over an in-memory connection.
 
 class RegionListener final : public IFrameListener {
@@ -305,8 +295,7 @@ class HttpReaderTest : public testing::Test {
 protected:
     void Open(Bytes stream, size_t firstRead = HTTP_READ_CHUNK) {
         firstRead = std::min(firstRead, stream.size());
-        memcpy(recv_.data(), stream.data(), firstRead);
-        ctx_->m_nRecvLen = static_cast<uint32_t>(firstRead);
+        ctx_->m_HttpFrame.Append(stream.data(), static_cast<uint32_t>(firstRead));
         stream.erase(stream.begin(), stream.begin() + static_cast<ptrdiff_t>(firstRead));
         io_ = std::make_unique<camctl_test::MemoryAvio>(std::move(stream), 1500);
         io_->AttachTo(ctx_.get());
@@ -314,9 +303,7 @@ protected:
     void SetUp() override {
         ctx_.reset(FFMpegContextAlloc());
         ASSERT_TRUE(ctx_);
-        recv_.assign(HTTP_RECV_BUF_SIZE, 0);
-        ctx_->m_pRecvBuf = recv_.data();
-        ctx_->m_bHttpFrame = 1;
+        ctx_->m_HttpFrame.Open();
         ctx_->m_bHttpSource = 1;
         ctx_->m_bRunning = 1;
         ctx_->m_nVideoCodecId = 27;
@@ -326,7 +313,6 @@ protected:
     void TearDown() override {
         if (ctx_) {
             camctl_test::MemoryAvio::Detach(ctx_.get());
-            ctx_->m_pRecvBuf = nullptr;
         }
     }
     int ReadOne() { return http_read_one_frame(ctx_.get(), pkt_.get(), &audioChanged_, &newAudioCodec_); }
@@ -335,7 +321,6 @@ protected:
         void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
     };
     std::unique_ptr<FFMpegContext, CtxFree> ctx_;
-    Bytes recv_;
     std::unique_ptr<camctl_test::MemoryAvio> io_;
     camctl::PacketPtr pkt_ = camctl::MakePacket();
     RegionListener listener_;
@@ -346,7 +331,7 @@ protected:
 TEST_F(HttpReaderTest, DeliversFramesInOrderWithFlagsTimestampsAndStreams) {
     ctx_->m_nAudioIndex = 1;
     ctx_->m_nAudioCodecId = 0x10006;
-    ctx_->m_nAudioSampleRate = 8000;
+    ctx_->m_AudioClock.SetSampleRate(8000);
     struct Expect { uint32_t type; bool key; uint64_t ts; Bytes payload; };
     std::vector<Expect> expect;
     Bytes stream = Payload(123, 77);  // junk before the first marker
@@ -371,7 +356,7 @@ TEST_F(HttpReaderTest, DeliversFramesInOrderWithFlagsTimestampsAndStreams) {
         EXPECT_EQ(pkt_->dts, static_cast<int64_t>(expect[i].ts));
         EXPECT_EQ((pkt_->flags & AV_PKT_FLAG_KEY) != 0, expect[i].key) << "frame " << i;
         EXPECT_EQ(pkt_->stream_index, expect[i].type == camsim::kStreamAudio ? 1 : 0);
-        EXPECT_EQ(ctx_->m_nRecvPos, 0u);
+        EXPECT_EQ(ctx_->m_HttpFrame.Pos(), 0u);
         av_packet_unref(pkt_.get());
     }
     EXPECT_EQ(audioChanged_, 0);  // codec and rate never changed
@@ -380,106 +365,126 @@ TEST_F(HttpReaderTest, DeliversFramesInOrderWithFlagsTimestampsAndStreams) {
     testing::internal::GetCapturedStderr();
 }
 
-TEST_F(HttpReaderTest, BufferWithoutMarkerGivesEmptyUnknownFrameAndReadsNothing) {
-    Open(Payload(1000, 1), 1000);
-    LogCapture log;
-    EXPECT_EQ(ReadOne(), 0);
-    EXPECT_NE(log.Take().find("unknow stream type:0"), std::string::npos);
-    EXPECT_EQ(pkt_->size, 0);
-    EXPECT_EQ(pkt_->stream_index, -1);
-    EXPECT_EQ(io_->served(), 0u);
-    EXPECT_EQ(ctx_->m_nRecvLen, 1000u);
-}
-
-TEST_F(HttpReaderTest, OversizeHeaderEndsTheConnectionAfterLogging) {
-    camsim::FrameHeader h = VideoHeader(0);
-    h.size = HTTP_FRAME_MAX_PAYLOAD + 5;
-    Bytes stream(88);
-    camsim::EncodeHeader(h, stream.data());
-    Append(&stream, Frame(VideoHeader(40), Payload(10, 1)));
-    Open(stream);
-    LogCapture log;
-    EXPECT_EQ(ReadOne(), -1);
-    std::string text = log.Take();
-    EXPECT_NE(text.find("ret =http_read_frame= HTTP_DATA_ERRORret1 == HTTP_DATA_ERROR \n"), std::string::npos);
-    EXPECT_NE(text.find("ret == HTTP_DATA_ERRORret == HTTP_DATA_ERROR \n"), std::string::npos);
-    EXPECT_EQ(pkt_->size, 0);
-}
-
-TEST_F(HttpReaderTest, VideoCodecChangeEndsTheReader) {
+// Streams the reader gives up on (or answers with an empty frame), and why.
+TEST_F(HttpReaderTest, FailuresEndTheReaderWithTheirLogLine) {
+    camsim::FrameHeader oversize = VideoHeader(0);
+    oversize.size = HTTP_FRAME_MAX_PAYLOAD + 5;
+    Bytes oversizeStream(88);
+    camsim::EncodeHeader(oversize, oversizeStream.data());
+    Append(&oversizeStream, Frame(VideoHeader(40), Payload(10, 1)));
     camsim::FrameHeader mjpeg = VideoHeader(40);
     mjpeg.codec = 1;  // every number but 0 and 3 means MJPEG
-    Bytes stream = Frame(VideoHeader(0), Payload(50, 1));
-    Append(&stream, Frame(mjpeg, Payload(50, 2)));
-    Append(&stream, Frame(VideoHeader(80), Payload(50, 3)));
-    Open(stream);
-    EXPECT_EQ(ReadOne(), 50);
-    av_packet_unref(pkt_.get());
-    LogCapture log;
-    EXPECT_EQ(ReadOne(), -1);
-    EXPECT_NE(log.Take().find("Video codec change:27 -> 7 !!"), std::string::npos);
+    Bytes codecChange = Frame(VideoHeader(0), Payload(50, 1));
+    Append(&codecChange, Frame(mjpeg, Payload(50, 2)));
+    Append(&codecChange, Frame(VideoHeader(80), Payload(50, 3)));
+    // Announces almost the whole buffer, then runs on with a marker at the
+    // wrong place: the reader gives up when the buffer is full.
+    camsim::FrameHeader huge = VideoHeader(0);
+    huge.size = HTTP_FRAME_MAX_PAYLOAD - 100;
+    Bytes neverEnds(88);
+    camsim::EncodeHeader(huge, neverEnds.data());
+    Append(&neverEnds, Payload(10000, 1));
+    Append(&neverEnds, Frame(VideoHeader(40), Payload(HTTP_RECV_BUF_SIZE, 2)));
+
+    const struct {
+        const char* name;
+        Bytes stream;
+        size_t firstRead;
+        std::vector<int> results;  // of successive reads
+        std::vector<const char*> logs;
+        bool stopped, noBuffer;
+    } cases[] = {
+        {"no marker: empty unknown frame, nothing read", Payload(1000, 1), 1000, {0}, {"unknow stream type:0"}, false, false},
+        {"oversize header", oversizeStream, HTTP_READ_CHUNK, {-1},
+         {"ret =http_read_frame= HTTP_DATA_ERRORret1 == HTTP_DATA_ERROR \n", "ret == HTTP_DATA_ERRORret == HTTP_DATA_ERROR \n"},
+         false, false},
+        {"video codec change", codecChange, HTTP_READ_CHUNK, {50, -1}, {"Video codec change:27 -> 7 !!"}, false, false},
+        {"buffer full", neverEnds, HTTP_READ_CHUNK, {-1}, {}, false, false},
+        {"stopped context", Frame(VideoHeader(0), Payload(5000, 1)), 100, {-1}, {}, true, false},
+        {"no connection", {}, 0, {-1}, {}, false, false},
+        {"no buffer", Frame(VideoHeader(0), Payload(50, 1)), 0, {-1}, {}, false, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        if (!c.stream.empty()) Open(c.stream, c.firstRead);
+        if (c.stopped) ctx_->m_bRunning = 0;
+        if (c.noBuffer) ctx_->m_HttpFrame = HttpFrameReceiver();
+        LogCapture log;
+        for (int want : c.results) {
+            EXPECT_EQ(ReadOne(), want);
+            if (want <= 0) {
+                EXPECT_EQ(pkt_->size, 0);  // nothing left in the packet
+            }
+            if (want == 0) {
+                EXPECT_EQ(pkt_->stream_index, -1);
+            }
+            av_packet_unref(pkt_.get());
+        }
+        const std::string text = log.Take();
+        for (const char* line : c.logs) EXPECT_NE(text.find(line), std::string::npos) << text;
+        if (c.name[0] == 'b') {
+            EXPECT_GT(ctx_->m_HttpFrame.Len() + HTTP_READ_CHUNK, HTTP_RECV_BUF_SIZE);
+        }
+        if (c.stopped) {
+            EXPECT_EQ(io_->served(), 0u);
+        }
+        if (c.results[0] == 0) {
+            EXPECT_EQ(io_->served(), 0u);
+            EXPECT_EQ(ctx_->m_HttpFrame.Len(), 1000u);
+        }
+        TearDown();
+    }
+    EXPECT_EQ(http_read_one_frame(nullptr, pkt_.get(), &audioChanged_, &newAudioCodec_), -1);
 }
 
+// The audio fields of each header against what the decoder was opened
+// with: a change asks the reader to reopen it, until it has done so.
 TEST_F(HttpReaderTest, AudioHeaderRequestsDecoderChanges) {
-    auto audio = [](int32_t codec, uint32_t rate, uint64_t ts) {
-        camsim::FrameHeader h = VideoHeader(ts);
-        h.stream_type = camsim::kStreamAudio;
-        h.audio_codec = codec;
-        h.sample_rate = rate;
-        return Frame(h, Payload(32, 1));
+    const struct {
+        int32_t codec;
+        uint32_t rate;
+        int streamIndex;    // of the packet
+        int changed;        // *audioChanged after the read
+        int newCodec;       // *newAudioCodec after the read (0: not set)
+        int rateAfter;
+        bool served;        // the reader reopens the decoder after this read
+    } steps[] = {
+        {0, 8000, -1, 1, 0x10006, 8000, true},       // no audio yet: codec 0 means mu-law
+        {2, 8000, 1, 0, 0, 8000, false},             // same as what was asked for
+        {2, 16000, 1, 1, 0x10006, 16000, false},     // rate change
+        {2, 16000, 1, 1, 0x10006, 16000, false},     // nothing new: the request is renewed silently
+        {4, 16000, 1, 1, 0x1101C, 16000, true},      // codec change
+        {0, 8000, 1, 0, 0, 16000, false},            // below 1 with a codec set: ignored
     };
-    // No audio when opened: codec 0 in the header means mu-law.
-    Bytes stream = audio(0, 8000, 0);
-    Append(&stream, audio(2, 8000, 20));   // same as what was asked for
-    Append(&stream, audio(2, 16000, 40));  // rate change
-    Append(&stream, audio(2, 16000, 50));  // nothing new, request still pending
-    Append(&stream, audio(4, 16000, 60));  // codec change
-    Append(&stream, audio(0, 8000, 80));   // below 1 with a codec set: ignored
-    Append(&stream, audio(2, 8000, 100));
+    Bytes stream;
+    uint64_t ts = 0;
+    for (const auto& st : steps) {
+        camsim::FrameHeader h = VideoHeader(ts += 20);
+        h.stream_type = camsim::kStreamAudio;
+        h.audio_codec = st.codec;
+        h.sample_rate = st.rate;
+        Append(&stream, Frame(h, Payload(32, 1)));
+    }
+    Append(&stream, Frame(VideoHeader(ts + 20), Payload(32, 1)));
     Open(stream);
     LogCapture log;
-
-    ASSERT_EQ(ReadOne(), 32);
-    EXPECT_EQ(pkt_->stream_index, -1);  // the index before the request
-    EXPECT_EQ(audioChanged_, 1);
-    EXPECT_EQ(newAudioCodec_, 0x10006);
-    EXPECT_EQ(ctx_->m_nAudioIndex, 1);
-    EXPECT_EQ(ctx_->m_nAudioSampleRate, 8000);
-    // The reader reopens the decoder and clears the request.
-    ctx_->m_nAudioCodecId = newAudioCodec_;
-    audioChanged_ = 0;
-    av_packet_unref(pkt_.get());
-
-    ASSERT_EQ(ReadOne(), 32);
-    EXPECT_EQ(pkt_->stream_index, 1);
-    EXPECT_EQ(audioChanged_, 0);
-    av_packet_unref(pkt_.get());
-
-    ASSERT_EQ(ReadOne(), 32);
-    EXPECT_EQ(audioChanged_, 1);
-    EXPECT_EQ(newAudioCodec_, 0x10006);
-    EXPECT_EQ(ctx_->m_nAudioSampleRate, 16000);
-    av_packet_unref(pkt_.get());
-
-    // Not yet served: the next frame renews the request without a message.
-    newAudioCodec_ = 0;
-    ASSERT_EQ(ReadOne(), 32);
-    EXPECT_EQ(audioChanged_, 1);
-    EXPECT_EQ(newAudioCodec_, 0x10006);
-    av_packet_unref(pkt_.get());
-
-    ASSERT_EQ(ReadOne(), 32);
-    EXPECT_EQ(audioChanged_, 1);
-    EXPECT_EQ(newAudioCodec_, 0x1101C);
-    ctx_->m_nAudioCodecId = newAudioCodec_;
-    audioChanged_ = 0;
-    av_packet_unref(pkt_.get());
-
-    ASSERT_EQ(ReadOne(), 32);
-    EXPECT_EQ(audioChanged_, 0);
-    EXPECT_EQ(ctx_->m_nAudioSampleRate, 16000);
-    av_packet_unref(pkt_.get());
-
+    int i = 0;
+    for (const auto& st : steps) {
+        SCOPED_TRACE(i++);
+        newAudioCodec_ = 0;
+        ASSERT_EQ(ReadOne(), 32);
+        EXPECT_EQ(pkt_->stream_index, st.streamIndex);
+        EXPECT_EQ(audioChanged_, st.changed);
+        EXPECT_EQ(newAudioCodec_, st.newCodec);
+        EXPECT_EQ(ctx_->m_AudioClock.SampleRate(), st.rateAfter);
+        EXPECT_EQ(ctx_->m_nAudioIndex, 1);
+        if (st.served) {
+            ctx_->m_nAudioCodecId = newAudioCodec_;
+            audioChanged_ = 0;
+        }
+        av_packet_unref(pkt_.get());
+    }
     std::string text = log.Take();
     EXPECT_NE(text.find("Audio codec change:0 , (0 -> 8000) !!"), std::string::npos) << text;
     EXPECT_NE(text.find("Audio codec change:2 , (8000 -> 16000) !!"), std::string::npos) << text;
@@ -552,37 +557,6 @@ TEST_F(HttpReaderTest, MotionRegionRecordReachesTheOwnerAsText) {
     EXPECT_EQ(listener_.regions.size(), 1u);
 }
 
-TEST_F(HttpReaderTest, StoppedContextReturnsWithoutReading) {
-    Open(Frame(VideoHeader(0), Payload(5000, 1)), 100);
-    ctx_->m_bRunning = 0;
-    EXPECT_EQ(ReadOne(), -1);
-    EXPECT_EQ(io_->served(), 0u);
-}
-
-TEST_F(HttpReaderTest, FrameThatNeverEndsFillsTheBufferAndEnds) {
-    // Announces almost the whole buffer, then the stream runs on with a
-    // marker at the wrong place: the reader gives up when the buffer is full.
-    camsim::FrameHeader h = VideoHeader(0);
-    h.size = HTTP_FRAME_MAX_PAYLOAD - 100;
-    Bytes stream(88);
-    camsim::EncodeHeader(h, stream.data());
-    Append(&stream, Payload(10000, 1));
-    Append(&stream, Frame(VideoHeader(40), Payload(HTTP_RECV_BUF_SIZE, 2)));
-    Open(stream);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ReadOne(), -1);
-    testing::internal::GetCapturedStderr();
-    EXPECT_GT(ctx_->m_nRecvLen + HTTP_READ_CHUNK, HTTP_RECV_BUF_SIZE);
-}
-
-TEST_F(HttpReaderTest, MissingBufferOrConnectionFails) {
-    EXPECT_EQ(ReadOne(), -1);  // no connection, nothing received
-    ctx_->m_pRecvBuf = nullptr;
-    EXPECT_EQ(ReadOne(), -1);
-    EXPECT_EQ(http_read_one_frame(nullptr, pkt_.get(), &audioChanged_, &newAudioCodec_), -1);
-}
-
-// ---------------------------------------------------------------------------
 // The reader over a real HTTP connection to the simulator.
 
 struct FileFrame {
@@ -650,25 +624,22 @@ TEST(HttpReaderOverCamsim, ReceivesEveryFrameOfAnH264FileInOrder) {
         void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
     };
     std::unique_ptr<FFMpegContext, CtxFree> ctx(FFMpegContextAlloc());
-    Bytes recv(HTTP_RECV_BUF_SIZE);
-    ctx->m_pRecvBuf = recv.data();
+    ctx->m_HttpFrame.Open();
     ctx->m_bRunning = 1;
     AVIOContext* io = nullptr;
     ASSERT_GE(avio_open(&io, server.Url("/live/ch0").c_str(), AVIO_FLAG_READ), 0);
     ctx->m_pHttpIo.reset(io);
 
     // What the engine does when it opens the stream.
-    int got = avio_read(io, recv.data(), HTTP_READ_CHUNK);
-    ASSERT_GT(got, 0);
-    ctx->m_nRecvLen = static_cast<uint32_t>(got);
+    ASSERT_GT(ctx->m_HttpFrame.ReadMore(io), 0);
     HttpFrameHeader first;
-    ASSERT_EQ(ParseFrameHeader(recv.data(), ctx->m_nRecvLen, &first), 0);
+    ASSERT_EQ(ParseFrameHeader(ctx->m_HttpFrame.Data(), ctx->m_HttpFrame.Len(), &first), 0);
     EXPECT_EQ(first.width, 320u);
     EXPECT_EQ(first.height, 240u);
     EXPECT_EQ(first.sample_rate, 16000u);
     ctx->m_nVideoCodecId = HttpFrameVideoCodecId(first.codec);
     ctx->m_nAudioCodecId = HttpFrameAudioCodecId(first.audio_codec);
-    ctx->m_nAudioSampleRate = static_cast<int32_t>(first.sample_rate);
+    ctx->m_AudioClock.SetSampleRate(static_cast<int32_t>(first.sample_rate));
     ctx->m_nAudioIndex = 1;
     EXPECT_EQ(ctx->m_nVideoCodecId, 27);
     EXPECT_EQ(ctx->m_nAudioCodecId, 0x15002);

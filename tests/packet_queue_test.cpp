@@ -1,9 +1,6 @@
-// Media context allocation and its packet queues: deep copies, FIFO order,
-// counting, flushing, fragment joining and codec numbers.
-#include <atomic>
+// Catches: a shallow or partial packet copy, lost slack, FIFO order broken, counts that mix the two queues, a flush that leaks or spares packets, a missed wake-up, a race between pusher and popper.
 #include <cstring>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -12,7 +9,7 @@
 namespace {
 
 // A refcounted packet like the demuxer hands out, payload = seed, seed+1, ...
-camctl::PacketPtr MakeSourcePacket(int size, int seed, int64_t pts, int stream = 0) {
+camctl::PacketPtr SourcePacket(int size, int seed, int64_t pts) {
     camctl::PacketPtr pkt = camctl::MakePacket();
     if (!pkt || av_new_packet(pkt.get(), size) < 0) return nullptr;
     for (int i = 0; i < size; ++i) pkt->data[i] = static_cast<uint8_t>(seed + i);
@@ -20,7 +17,6 @@ camctl::PacketPtr MakeSourcePacket(int size, int seed, int64_t pts, int stream =
     pkt->dts = pts - 1;
     pkt->duration = 40;
     pkt->pos = 1000 + pts;
-    pkt->stream_index = stream;
     pkt->flags = AV_PKT_FLAG_KEY;
     return pkt;
 }
@@ -32,164 +28,109 @@ bool PayloadIs(const AVPacket* pkt, int size, int seed) {
     return true;
 }
 
-struct QueuedPacket {
-    AVPacket* pkt;
-    explicit QueuedPacket(AVPacket* p) : pkt(p) {}
-    ~QueuedPacket() { FreePacket(pkt); }
-    QueuedPacket(const QueuedPacket&) = delete;
-    QueuedPacket& operator=(const QueuedPacket&) = delete;
+struct CtxFree {
+    void operator()(FFMpegContext* c) const { FFMpegContextFree(c); }
 };
 
-class PacketQueueTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_NE(ctx_, nullptr); }
-    void TearDown() override { FFMpegContextFree(ctx_); }
-    FFMpegContext* ctx_ = FFMpegContextAlloc();
-};
-
-TEST_F(PacketQueueTest, Alloc_EmptyContext) {
-    EXPECT_EQ(ctx_->m_nAudioIndex, -1);
-    EXPECT_EQ(ctx_->m_bRunning.load(), 0);
-    EXPECT_NE(ctx_->m_hVideoPktLock, nullptr);
-    EXPECT_NE(ctx_->m_hAudioPktLock, nullptr);
-    EXPECT_NE(ctx_->m_hRecordLock, nullptr);
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
-    EXPECT_EQ(PopVideoPacket(ctx_), nullptr);
-    EXPECT_EQ(PopAudioPacket(ctx_), nullptr);
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
-}
-
-TEST_F(PacketQueueTest, Push_DeepCopySurvivesSource) {
-    camctl::PacketPtr src = MakeSourcePacket(1000, 7, 90);
-    ASSERT_NE(src, nullptr);
+TEST(PacketQueue, CopyIsDeepWithPropsSideDataAndZeroSlack) {
+    PacketQueue q;
+    ASSERT_TRUE(q.Ok());
+    camctl::PacketPtr src = SourcePacket(1000, 7, 90);
     uint8_t* side = av_packet_new_side_data(src.get(), AV_PKT_DATA_NEW_EXTRADATA, 6);
     ASSERT_NE(side, nullptr);
     memcpy(side, "extra", 6);
-    const uint8_t* srcData = src->data;
-
-    PushVideoPacket(ctx_, src.get());
+    q.Push(src.get());
     src.reset();  // the demuxer's buffer is gone
 
-    QueuedPacket got(PopVideoPacket(ctx_));
-    ASSERT_NE(got.pkt, nullptr);
-    EXPECT_NE(got.pkt->data, srcData);
-    EXPECT_EQ(got.pkt->buf, nullptr);
-    EXPECT_TRUE(PayloadIs(got.pkt, 1000, 7));
-    EXPECT_EQ(got.pkt->pts, 90);
-    EXPECT_EQ(got.pkt->dts, 89);
-    EXPECT_EQ(got.pkt->duration, 40);
-    EXPECT_EQ(got.pkt->pos, 1090);
-    EXPECT_EQ(got.pkt->flags, AV_PKT_FLAG_KEY);
+    QueuedPacket got = q.Pop();
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(got->buf, nullptr);
+    EXPECT_TRUE(PayloadIs(got.get(), 1000, 7));
+    EXPECT_EQ(got->pts, 90);
+    EXPECT_EQ(got->dts, 89);
+    EXPECT_EQ(got->duration, 40);
+    EXPECT_EQ(got->pos, 1090);
+    EXPECT_EQ(got->flags, AV_PKT_FLAG_KEY);
     size_t sideSize = 0;
-    const uint8_t* copied = av_packet_get_side_data(got.pkt, AV_PKT_DATA_NEW_EXTRADATA, &sideSize);
+    const uint8_t* copied = av_packet_get_side_data(got.get(), AV_PKT_DATA_NEW_EXTRADATA, &sideSize);
     ASSERT_NE(copied, nullptr);
     EXPECT_EQ(sideSize, 6u);
     EXPECT_STREQ(reinterpret_cast<const char*>(copied), "extra");
-    // 32 bytes of slack follow the payload (a sanitizer build checks bounds).
-    for (int i = 0; i < 32; ++i) EXPECT_EQ(got.pkt->data[1000 + i], 0) << i;
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(got->data[1000 + i], 0) << i;  // slack (bounds checked under ASan)
+
+    q.Push(camctl::MakePacket().get());  // an empty payload is queued too
+    QueuedPacket empty = q.Pop();
+    ASSERT_NE(empty, nullptr);
+    EXPECT_EQ(empty->size, 0);
+    q.Push(nullptr);
+    EXPECT_EQ(q.Count(), 0);
+    EXPECT_EQ(q.Pop(), nullptr);
 }
 
-TEST_F(PacketQueueTest, Push_EmptyPayloadAndNulls) {
-    camctl::PacketPtr empty = camctl::MakePacket();
-    PushAudioPacket(ctx_, empty.get());
-    QueuedPacket got(PopAudioPacket(ctx_));
-    ASSERT_NE(got.pkt, nullptr);
-    EXPECT_EQ(got.pkt->size, 0);
-
-    PushVideoPacket(ctx_, nullptr);
-    PushVideoPacket(nullptr, empty.get());
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
+TEST(PacketQueue, ContextQueuesKeepOrderCountsAndFlushApart) {
+    std::unique_ptr<FFMpegContext, CtxFree> ctx(FFMpegContextAlloc());
+    ASSERT_TRUE(ctx);
+    EXPECT_EQ(ctx->m_nAudioIndex, -1);
+    for (int i = 0; i < 5; ++i) PushVideoPacket(ctx.get(), SourcePacket(10 + i, i, i).get());
+    for (int i = 0; i < 3; ++i) PushAudioPacket(ctx.get(), SourcePacket(4, 100 + i, 50 + i).get());
+    EXPECT_EQ(GetAVPktListElmCount(ctx.get()), 5);  // video only
+    EXPECT_EQ(ctx->m_AudioQueue.Count(), 3);
+    for (int i = 0; i < 3; ++i) {
+        QueuedPacket a(PopAudioPacket(ctx.get()));
+        EXPECT_TRUE(PayloadIs(a.get(), 4, 100 + i));
+    }
+    EXPECT_EQ(PopAudioPacket(ctx.get()), nullptr);
+    for (int i = 0; i < 2; ++i) {
+        QueuedPacket v(PopVideoPacket(ctx.get()));
+        ASSERT_NE(v, nullptr);
+        EXPECT_EQ(v->pts, i);
+        EXPECT_TRUE(PayloadIs(v.get(), 10 + i, i));
+        EXPECT_EQ(GetAVPktListElmCount(ctx.get()), 4 - i);
+    }
+    PushAudioPacket(ctx.get(), SourcePacket(8, 1, 1).get());
+    FlushVideoPackets(ctx.get());
+    EXPECT_EQ(GetAVPktListElmCount(ctx.get()), 0);
+    EXPECT_EQ(PopVideoPacket(ctx.get()), nullptr);
+    EXPECT_EQ(ctx->m_AudioQueue.Count(), 1);  // the other queue is untouched
+    PushVideoPacket(ctx.get(), SourcePacket(16, 3, 77).get());  // usable after a flush
+    EXPECT_EQ(GetAVPktListElmCount(ctx.get()), 1);
+    FlushAudioPackets(ctx.get());
+    EXPECT_EQ(ctx->m_AudioQueue.Count(), 0);
+    // Null contexts answer without touching anything.
     EXPECT_EQ(GetAVPktListElmCount(nullptr), -1);
     EXPECT_EQ(PopVideoPacket(nullptr), nullptr);
+    PushVideoPacket(nullptr, nullptr);
     FlushVideoPackets(nullptr);
     FreePacket(nullptr);
+    // The context is freed with a packet still queued (ASan: nothing leaks).
 }
 
-TEST_F(PacketQueueTest, Queues_FifoAndSeparateCounts) {
-    for (int i = 0; i < 5; ++i) PushVideoPacket(ctx_, MakeSourcePacket(10 + i, i, i).get());
-    for (int i = 0; i < 7; ++i) PushAudioPacket(ctx_, MakeSourcePacket(4, 100 + i, 50 + i, 1).get());
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 5);  // video only
-
-    for (int i = 0; i < 7; ++i) {
-        QueuedPacket a(PopAudioPacket(ctx_));
-        ASSERT_NE(a.pkt, nullptr);
-        EXPECT_EQ(a.pkt->pts, 50 + i);
-        EXPECT_EQ(a.pkt->stream_index, 1);
-        EXPECT_TRUE(PayloadIs(a.pkt, 4, 100 + i));
-    }
-    EXPECT_EQ(PopAudioPacket(ctx_), nullptr);
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 5);
-
-    for (int i = 0; i < 5; ++i) {
-        QueuedPacket v(PopVideoPacket(ctx_));
-        ASSERT_NE(v.pkt, nullptr);
-        EXPECT_EQ(v.pkt->pts, i);
-        EXPECT_TRUE(PayloadIs(v.pkt, 10 + i, i));
-        EXPECT_EQ(GetAVPktListElmCount(ctx_), 4 - i);
-    }
-    EXPECT_EQ(PopVideoPacket(ctx_), nullptr);
-}
-
-TEST_F(PacketQueueTest, Flush_EmptiesOnlyItsQueue) {
-    FlushVideoPackets(ctx_);  // harmless when empty
-    FlushAudioPackets(ctx_);
-    for (int i = 0; i < 6; ++i) PushVideoPacket(ctx_, MakeSourcePacket(64, i, i).get());
-    for (int i = 0; i < 3; ++i) PushAudioPacket(ctx_, MakeSourcePacket(8, i, i).get());
-
-    FlushVideoPackets(ctx_);
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
-    EXPECT_EQ(PopVideoPacket(ctx_), nullptr);
-    EXPECT_EQ(os_list_count(ctx_->m_pAudioPktList), 3);
-
-    PushVideoPacket(ctx_, MakeSourcePacket(16, 3, 77).get());  // usable after a flush
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 1);
-    FlushAudioPackets(ctx_);
-    EXPECT_EQ(PopAudioPacket(ctx_), nullptr);
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 1);
-    // The context is freed with the video packet still queued.
-}
-
-TEST_F(PacketQueueTest, Concurrent_ProducerConsumer) {
+TEST(PacketQueue, PushWakesTheWaiterAndConcurrentUseKeepsOrder) {
+    PacketQueue q;
     constexpr int kPackets = 2000;
-    std::thread producer([this] {
-        for (int i = 0; i < kPackets; ++i) {
-            PushVideoPacket(ctx_, MakeSourcePacket(32, i, i).get());
-            if (i % 500 == 0) PushAudioPacket(ctx_, MakeSourcePacket(8, i, i).get());
-        }
+    std::thread producer([&q] {
+        for (int i = 0; i < kPackets; ++i) q.Push(SourcePacket(32, i, i).get());
     });
     int expected = 0;
     bool inOrder = true;
     while (expected < kPackets) {
-        QueuedPacket v(PopVideoPacket(ctx_));
-        if (!v.pkt) {
-            std::this_thread::yield();
+        const uint64_t seen = q.Arrivals();
+        QueuedPacket v = q.Pop();
+        if (!v) {
+            q.WaitPast(seen, 60000);  // returns at the next push
             continue;
         }
-        inOrder = inOrder && v.pkt->pts == expected && PayloadIs(v.pkt, 32, expected);
+        inOrder = inOrder && v->pts == expected && PayloadIs(v.get(), 32, expected);
         ++expected;
     }
     producer.join();
     EXPECT_TRUE(inOrder);
-    EXPECT_EQ(GetAVPktListElmCount(ctx_), 0);
-    EXPECT_EQ(os_list_count(ctx_->m_pAudioPktList), 4);
-}
-
-
-TEST(CodecNumber, MapsPublicCodecs) {
-    FFMpegContext* ctx = FFMpegContextAlloc();
-    ASSERT_NE(ctx, nullptr);
-    const struct {
-        int codecId;
-        int number;
-    } cases[] = {{27, 0}, {12, 1}, {7, 2}, {173, 3}, {0, -1}, {86018, -1}, {0x10006, -1}};
-    for (const auto& c : cases) {
-        ctx->m_nVideoCodecId = c.codecId;
-        EXPECT_EQ(GetVideoCodecNumber(ctx), c.number) << c.codecId;
-    }
-    EXPECT_EQ(GetVideoCodecNumber(nullptr), -1);
-    FFMpegContextFree(ctx);
-    FFMpegContextFree(nullptr);
+    EXPECT_EQ(q.Count(), 0);
+    const uint64_t seen = q.Arrivals();
+    std::thread waker([&q] { q.Wake(); });
+    q.WaitPast(seen, 60000);
+    EXPECT_NE(q.Arrivals(), seen);
+    waker.join();
 }
 
 }  // namespace

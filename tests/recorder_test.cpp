@@ -1,5 +1,4 @@
-// AVI recorder: real packets from generated media files go through the
-// reader's write step into AVI files, which ffprobe then reads back.
+// Catches: a recording not starting on a key frame, lost or doubled packets, gap frames, length-prefixed NAL units, wrong tags or codecs, a wrong or unpatched frame rate, wrong audio timestamps, a file left without index on a full disk, SIGXFSZ, a wrong log text.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -9,12 +8,10 @@
 #include <cstring>
 #include <string>
 
-#include <chrono>
-#include <thread>
-
 #include "camctl/UrlVideoSession.h"
 #include "camsim/server.h"
 #include "engine/engine.h"
+#include "support/engine_support.h"
 #include "support/fixtures.h"
 
 using camctl_test::Ffprobe;
@@ -192,7 +189,7 @@ TEST_P(RecorderCodecTest, Record_ReadableByFfprobe) {
     // Start between key frames: the first packets are skipped until the
     // next key frame.
     src.Feed(-1, 7);
-    uint64_t frames = src.ctx()->m_nRecordFrames;
+    uint64_t frames = src.ctx()->m_Recorder.Frames();
     ASSERT_EQ(RecordStop(src.ctx()), 0);
     EXPECT_EQ(RecordStop(src.ctx()), -1) << "second stop";
 
@@ -227,59 +224,44 @@ INSTANTIATE_TEST_SUITE_P(
                       CodecCase{"H264G726", H264G726, "h264,adpcm_g726", "H264"}),
     [](const ::testing::TestParamInfo<CodecCase>& i) { return std::string(i.param.name); });
 
-// The stream time base reaches the file as dwScale 100 / dwRate 2499 and
-// only dwRate is rewritten when the recording stops.
-TEST(Recorder, TimeBase_WrittenThenRatePatched) {
+// The time base reaches the file as dwScale 100 / dwRate 2499, and the stop
+// rewrites only dwRate, from the recording's ticks: 100 frames in 1000 ms give
+// 10000, 25 give 2500 (less when a loaded machine delays the stop); a stop in
+// the start's millisecond keeps 24; no video at all falls back to 3000.
+TEST(Recorder, VideoFreq_FromTicksPatchedIntoTheHeader) {
     TempDir dir;
-    std::string out = dir / "tb.avi";
-    RecordSource src(H264Ts());
-    ASSERT_TRUE(src.ok());
-    ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
-    src.Feed();
-    // Enough has been written for the header to be on disk.
-    auto before = camctl_test::ReadFileBytes(out);
-    ASSERT_GE(before.size(), 136u);
-    EXPECT_EQ(Le32(before, 128), 100u);
-    EXPECT_EQ(Le32(before, 132), 2499u);
-    src.ctx()->nSaveTickCount = os_tick_count64() - 1000;
-    ASSERT_EQ(RecordStop(src.ctx()), 0);
-    auto after = camctl_test::ReadFileBytes(out);
-    ASSERT_GE(after.size(), 136u);
-    EXPECT_EQ(Le32(after, 128), 100u);
-    // 100 frames over about one second.
-    EXPECT_GE(Le32(after, 132), 9990u);
-    EXPECT_LE(Le32(after, 132), 10000u);
-    // Nothing but dwRate changed in the first 136 bytes... except the sizes
-    // the trailer fills in, which lie before byte 100.
-    EXPECT_TRUE(std::equal(before.begin() + 100, before.begin() + 132, after.begin() + 100));
-}
-
-// Tick-based frame rate: 25 frames in 1000 ms give 2500 (less when a loaded
-// machine delays the stop); a stop in the start's millisecond keeps 24; no
-// video at all falls back to 3000.
-TEST(Recorder, VideoFreq_FromTicks) {
-    TempDir dir;
-    struct Case {
-        int packets;
+    const struct {
+        int packets;  // -1: the whole file (100 frames)
         int64_t ms_ago;
         uint32_t lo, hi;
-    } cases[] = {{25, 1000, 2000, 2500}, {25, -5, 24, 24}, {0, 1000, 3000, 3000}};
+    } cases[] = {{-1, 1000, 9990, 10000}, {25, 1000, 2000, 2500}, {25, -5, 24, 24}, {0, 1000, 3000, 3000}};
     int i = 0;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         std::string out = dir / ("f" + std::to_string(i++) + ".avi");
         RecordSource src(H264Ts());
         ASSERT_TRUE(src.ok());
         ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
         src.Feed(c.packets);
-        src.ctx()->nSaveTickCount = os_tick_count64() - c.ms_ago;
+        auto before = camctl_test::ReadFileBytes(out);  // the header is on disk after the whole file
+        if (c.packets < 0) {
+            ASSERT_GE(before.size(), 136u);
+            EXPECT_EQ(Le32(before, 128), 100u);
+            EXPECT_EQ(Le32(before, 132), 2499u);
+        }
+        src.ctx()->m_Recorder.SetStartTick(os_tick_count64() - c.ms_ago);
         testing::internal::CaptureStderr();
         ASSERT_EQ(RecordStop(src.ctx()), 0);
         std::string log = testing::internal::GetCapturedStderr();
         auto b = camctl_test::ReadFileBytes(out);
         ASSERT_GE(b.size(), 136u);
+        EXPECT_EQ(Le32(b, 128), 100u);
         EXPECT_GE(Le32(b, 132), c.lo) << "case " << i;
         EXPECT_LE(Le32(b, 132), c.hi) << "case " << i;
         EXPECT_EQ(log.find("nVideoFreq:0  nVideoFreq error") != std::string::npos, c.packets == 0) << log;
+        // Only dwRate changed after byte 100 (the trailer's sizes lie before).
+        if (c.packets < 0) {
+            EXPECT_TRUE(std::equal(before.begin() + 100, before.begin() + 132, b.begin() + 100));
+        }
     }
 }
 
@@ -292,8 +274,8 @@ TEST(Recorder, VideoFreq_FromAudioSamples) {
     ASSERT_TRUE(src.ok());
     ASSERT_EQ(RecordStart(src.ctx(), out.c_str()), 0);
     src.Feed();
-    uint64_t frames = src.ctx()->m_nRecordFrames;
-    uint64_t samples = src.ctx()->m_nRecordAudioPts;
+    uint64_t frames = src.ctx()->m_Recorder.Frames();
+    uint64_t samples = src.ctx()->m_Recorder.AudioSamples();
     ASSERT_GT(frames, 0u);
     ASSERT_GT(samples, 0u);
     ASSERT_EQ(RecordStop(src.ctx()), 0);
@@ -322,11 +304,11 @@ TEST(Recorder, Start_UnknownExtensionFails) {
     EXPECT_EQ(RecordStart(src.ctx(), bad.c_str()), -1);
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("av_guess_format file:" + bad + " error!"), std::string::npos) << log;
-    EXPECT_EQ(src.ctx()->m_bRecording, 0);
+    EXPECT_FALSE(src.ctx()->m_Recorder.Recording());
     EXPECT_FALSE(camctl_test::FileExists(bad));
     // A directory that does not exist: no recording either.
     EXPECT_EQ(RecordStart(src.ctx(), (dir / "missing/x.avi").c_str()), -1);
-    EXPECT_EQ(src.ctx()->m_bRecording, 0);
+    EXPECT_FALSE(src.ctx()->m_Recorder.Recording());
     EXPECT_EQ(RecordStop(src.ctx()), -1);
 }
 
@@ -361,7 +343,7 @@ ChildResult RecordUnderSizeLimit(const std::string& out, rlim_t limit, bool lowe
         src.Feed();
         if (lower_midway && setrlimit(RLIMIT_FSIZE, &lim) != 0) _exit(3);
         src.Feed(-1, 0, 4);
-        uint64_t frames = src.ctx()->m_nRecordFrames;
+        uint64_t frames = src.ctx()->m_Recorder.Frames();
         int stopped = RecordStop(src.ctx());
         FILE* f = fopen(frames_file.c_str(), "w");
         if (f) {
@@ -383,39 +365,34 @@ ChildResult RecordUnderSizeLimit(const std::string& out, rlim_t limit, bool lowe
     return r;
 }
 
-// A recording that would outgrow the file size limit is closed in time:
-// complete header and index, every packet that went in, and a log line.
-TEST(Recorder, SizeLimit_ClosedWithIndex) {
-    TempDir dir;
-    std::string out = dir / "full.avi";
-    const rlim_t kLimit = 600 * 1024;
-    ChildResult r = RecordUnderSizeLimit(out, kLimit, false);
-    ASSERT_TRUE(r.exited) << "child killed by signal " << r.signal;
-    EXPECT_EQ(r.code, 0);
-    EXPECT_LE(r.size, static_cast<long long>(kLimit));
-    EXPECT_NE(r.log.find("record file:" + out + " no room left"), std::string::npos) << r.log;
-    Probe p = ProbeAvi(out);
-    EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
-    EXPECT_GT(r.frames, 50u);
-    EXPECT_EQ(p.header_frames, static_cast<int>(r.frames));
-    EXPECT_EQ(p.video_packets, static_cast<int>(r.frames));
-    EXPECT_EQ(p.decoded_frames, static_cast<int>(r.frames));
-    EXPECT_EQ(p.first_flags, "K");
-}
-
-// Writes that fail outright (the limit drops under the file's size) neither
-// kill the process with SIGXFSZ nor lose what reached the file.
-TEST(Recorder, WriteFailure_ProcessSurvives) {
-    TempDir dir;
-    std::string out = dir / "cut.avi";
-    ChildResult r = RecordUnderSizeLimit(out, 100 * 1024, true);
-    ASSERT_TRUE(r.exited) << "child killed by signal " << r.signal;
-    EXPECT_EQ(r.code, 0);
-    EXPECT_NE(r.log.find("file:" + out), std::string::npos) << r.log;
-    Probe p = ProbeAvi(out);
-    EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
-    EXPECT_GT(p.video_packets, 10);
-    EXPECT_EQ(p.first_flags, "K");
+// A recording that would outgrow the file size limit is closed in time
+// (complete index, every packet that went in, a log line); writes that fail
+// outright (the limit drops under the file's size) neither kill the process
+// with SIGXFSZ nor lose what reached the file.
+TEST(Recorder, SizeLimit_ClosedWithIndexAndProcessSurvives) {
+    const struct {
+        rlim_t limit;
+        bool lowerMidway;
+        const char* log;
+    } cases[] = {{600 * 1024, false, " no room left"}, {100 * 1024, true, ""}};
+    for (const auto& c : cases) {
+        TempDir dir;
+        std::string out = dir / "full.avi";
+        ChildResult r = RecordUnderSizeLimit(out, c.limit, c.lowerMidway);
+        ASSERT_TRUE(r.exited) << "child killed by signal " << r.signal;
+        EXPECT_EQ(r.code, 0);
+        EXPECT_NE(r.log.find("file:" + out + c.log), std::string::npos) << r.log;
+        Probe p = ProbeAvi(out);
+        EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
+        EXPECT_EQ(p.first_flags, "K");
+        EXPECT_GT(p.video_packets, 10);
+        if (c.lowerMidway) continue;
+        EXPECT_LE(r.size, static_cast<long long>(c.limit));
+        EXPECT_GT(r.frames, 50u);
+        EXPECT_EQ(p.header_frames, static_cast<int>(r.frames));
+        EXPECT_EQ(p.video_packets, static_cast<int>(r.frames));
+        EXPECT_EQ(p.decoded_frames, static_cast<int>(r.frames));
+    }
 }
 
 // ---- live recordings through the session ------------------------------
@@ -427,82 +404,62 @@ public:
     FFMpegContext* Context() { return m_pContext; }
 };
 
-bool WaitUntil(const std::function<bool()>& cond, int timeout_ms) {
-    for (int waited = 0; !cond(); waited += 10) {
-        if (waited >= timeout_ms) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+// A live stream recorded until the camera closes the connection (the reader
+// ends; the file, finished when the session closes, holds every packet), or
+// until the session closes mid-stream (closing finishes the file). 8 kHz
+// audio sets the rate from its sample count.
+TEST(RecorderSession, LiveRecordingFinished) {
+    const struct {
+        camsim::VideoCodec video;
+        camsim::AudioCodec audio;
+        int maxFrames;  // 0: endless, closed once 50 frames are in
+        const char* codecs;
+        const char* tag;
+    } cases[] = {{camsim::VideoCodec::H264, camsim::AudioCodec::Mulaw, 60, "h264,pcm_mulaw", "H264"},
+                 {camsim::VideoCodec::HEVC, camsim::AudioCodec::G726, 0, "hevc,adpcm_g726", "HEVC"}};
+    for (const auto& c : cases) {
+        camsim::Options o;
+        o.pattern.width = 320;
+        o.pattern.height = 240;
+        o.pattern.codec = c.video;
+        o.pattern.audio = c.audio;
+        o.max_video_frames = c.maxFrames;
+        camsim::Server server(o);
+        std::string error;
+        ASSERT_TRUE(server.Start(&error)) << error;
+        TempDir dir;
+        std::string out = dir / "live.avi";
+        RecordingSession s;
+        ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
+        ASSERT_EQ(s.StartSaveAvi(out.c_str()), 0);
+        FFMpegContext* ctx = s.Context();
+        if (c.maxFrames)
+            ASSERT_TRUE(camctl_test::PictureLog::WaitUntil([&] { return s.IsPlayFinish(); }, 20000));
+        else
+            ASSERT_TRUE(camctl_test::PictureLog::WaitUntil([&] { return ctx->m_Recorder.Frames() >= 50; }, 20000));
+        const uint64_t frames = ctx->m_Recorder.Frames();
+        const uint64_t samples = ctx->m_Recorder.AudioSamples();
+        ASSERT_EQ(s.VideoFree(), 0);
+        server.Stop();
+
+        ASSERT_GT(frames, 30u);
+        ASSERT_GT(samples, 0u);
+        Probe p = ProbeAvi(out);
+        EXPECT_EQ(p.codecs, c.codecs);
+        EXPECT_EQ(p.video_tag, c.tag);
+        EXPECT_GE(p.header_frames, static_cast<int>(frames));  // the reader may add some before the close
+        EXPECT_EQ(p.video_packets, p.header_frames);
+        EXPECT_EQ(p.decoded_frames, p.header_frames);
+        EXPECT_EQ(p.first_flags, "K");
+        EXPECT_EQ(p.scale, 100u);
+        if (c.maxFrames) {
+            EXPECT_EQ(p.header_frames, static_cast<int>(frames));
+            EXPECT_EQ(p.rate, frames * 800000 / samples);
+        } else {
+            EXPECT_GE(p.rate, 1250u);
+            EXPECT_LE(p.rate, 2750u);
+        }
     }
-    return true;
-}
-
-// The camera closes the connection: the reader ends, and the recording,
-// finished when the session closes, holds every packet written.
-TEST(RecorderSession, ReaderEnded_RecordingComplete) {
-    camsim::Options o;
-    o.pattern.width = 320;
-    o.pattern.height = 240;
-    o.pattern.audio = camsim::AudioCodec::Mulaw;
-    o.max_video_frames = 60;
-    camsim::Server server(o);
-    std::string error;
-    ASSERT_TRUE(server.Start(&error)) << error;
-    TempDir dir;
-    std::string out = dir / "live.avi";
-    RecordingSession s;
-    ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
-    ASSERT_EQ(s.StartSaveAvi(out.c_str()), 0);
-    ASSERT_TRUE(WaitUntil([&] { return s.IsPlayFinish(); }, 10000));
-    FFMpegContext* ctx = s.Context();
-    os_mutex_lock(ctx->m_hRecordLock);
-    const uint64_t frames = ctx->m_nRecordFrames;
-    const uint64_t samples = ctx->m_nRecordAudioPts;
-    os_mutex_unlock(ctx->m_hRecordLock);
-    ASSERT_EQ(s.VideoFree(), 0);
-    server.Stop();
-
-    ASSERT_GT(frames, 30u);
-    Probe p = ProbeAvi(out);
-    EXPECT_EQ(p.codecs, "h264,pcm_mulaw");
-    EXPECT_EQ(p.header_frames, static_cast<int>(frames));
-    EXPECT_EQ(p.video_packets, static_cast<int>(frames));
-    EXPECT_EQ(p.decoded_frames, static_cast<int>(frames));
-    EXPECT_EQ(p.first_flags, "K");
-    ASSERT_GT(samples, 0u);
-    EXPECT_EQ(p.rate, frames * 800000 / samples);
-}
-
-// A live H.265 stream with G.726 audio recorded until the session closes:
-// closing finishes the file, and the 8 kHz audio sets about 25 fps.
-TEST(RecorderSession, CloseWhileRecording_FileFinished) {
-    camsim::Options o;
-    o.pattern.width = 320;
-    o.pattern.height = 240;
-    o.pattern.codec = camsim::VideoCodec::HEVC;
-    o.pattern.audio = camsim::AudioCodec::G726;
-    camsim::Server server(o);
-    std::string error;
-    ASSERT_TRUE(server.Start(&error)) << error;
-    TempDir dir;
-    std::string out = dir / "close.avi";
-    RecordingSession s;
-    ASSERT_EQ(s.VideoInit(&s, server.Url().c_str()), 0);
-    ASSERT_EQ(s.StartSaveAvi(out.c_str()), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
-    ASSERT_EQ(s.VideoFree(), 0);
-    server.Stop();
-
-    Probe p = ProbeAvi(out);
-    EXPECT_EQ(p.codecs, "hevc,adpcm_g726");
-    EXPECT_EQ(p.video_tag, "HEVC");
-    EXPECT_GT(p.header_frames, 40);
-    EXPECT_EQ(p.video_packets, p.header_frames);
-    EXPECT_EQ(p.decoded_frames, p.header_frames);
-    EXPECT_EQ(p.first_flags, "K");
-    EXPECT_EQ(p.scale, 100u);
-    // The rate comes from the recording's ticks: 25 fps (2500), lower when a
-    // loaded machine delays the pictures, never higher.
-    EXPECT_GE(p.rate, 1250u);
-    EXPECT_LE(p.rate, 2750u);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Session classes over real files: open/close, queries, pause, seeking,
-// position, end of file, smooth-stream pacing and open/close cycles.
+// Catches: a closed session answering as if open, wrong sizes/codec/duration/frequency, seeks that miss their 5 s step or position, pause that goes on delivering, wrong smooth-stream release counts, leaked threads or descriptors.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,7 +15,6 @@
 
 using camctl_test::Fixture;
 using camctl_test::PictureLog;
-using camctl_test::TimeMs;
 
 namespace {
 
@@ -143,13 +141,25 @@ TEST(SessionTest, SeekTime_NothingOnFilesShorterThanFiveSeconds) {
 
 TEST(SessionTest, Pause_StopsDeliveryUntilResume) {
     TestFileSession s;
-    s.log.SetHook([] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+    // The decode thread is held inside a picture while the pause is set, so
+    // that picture is the last one before the pause.
+    std::atomic<bool> hold{false}, held{false};
+    s.log.SetHook([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        while (hold) {
+            held = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
     ASSERT_EQ(s.VideoInit(&s, LongAviClip().c_str()), 0);
     ASSERT_TRUE(s.log.WaitForCount(3, 5000));
+    hold = true;
+    ASSERT_TRUE(PictureLog::WaitUntil([&] { return held.load(); }, 5000));
+    const int paused = s.log.Count() + 1;
     EXPECT_EQ(s.Pause(), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a picture in flight lands
-    int paused = s.log.Count();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    hold = false;
+    ASSERT_TRUE(s.log.WaitForCount(paused, 5000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // nothing may come meanwhile
     EXPECT_EQ(s.log.Count(), paused);
     EXPECT_EQ(s.Resume(), 0);
     EXPECT_TRUE(s.log.WaitForCount(paused + 5, 3000));

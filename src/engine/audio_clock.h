@@ -4,9 +4,12 @@
 // The audio thread anchors and moves it, the reader resets it when it
 // flushes the queues, the video thread reads it and fills in its offset.
 // The fields belong together: the clock is one value, changed and read as a
-// whole under its own lock, so no reader ever sees half an update.
+// whole under its own lock, so no reader ever sees half an update. Beside it
+// live the two figures the audio side publishes to the rest: whether audio
+// packets are arriving (video then paces by this clock) and the sample rate.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -27,8 +30,20 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         state_ = state;
     }
-    // Forgets the clock (no audio, or the queues were flushed).
+    // Forgets the clock (the queues were flushed).
     void Reset() { Store(State{}); }
+    // Audio stopped: video paces by the owner's wait again until the next
+    // audio packet.
+    void Stop() {
+        active_.store(false, std::memory_order_relaxed);
+        Reset();
+    }
+    // An audio packet arrived: video follows this clock.
+    void MarkActive() { active_.store(true, std::memory_order_relaxed); }
+    bool Active() const { return active_.load(std::memory_order_relaxed); }
+
+    int32_t SampleRate() const { return sampleRate_.load(std::memory_order_relaxed); }
+    void SetSampleRate(int32_t rate) { sampleRate_.store(rate, std::memory_order_relaxed); }
     // Applies change(State&) as one step (a read-modify-write).
     template <typename Change>
     void Update(Change change) {
@@ -39,4 +54,6 @@ public:
 private:
     mutable std::mutex mutex_;  // guards state_
     State state_;
+    std::atomic<bool> active_{false};
+    std::atomic<int32_t> sampleRate_{0};
 };

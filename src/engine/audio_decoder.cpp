@@ -227,19 +227,13 @@ void UpdateAudioClock(FFMpegContext* ctx, AudioClockState& st, uint64_t t, uint6
 }
 
 void DropAudioClock(FFMpegContext* ctx) {
-    ctx->m_bAudioClock.store(0, std::memory_order_relaxed);
-    ctx->m_AudioClock.Reset();
+    ctx->m_AudioClock.Stop();
 }
 
 bool KeepRunning(const FFMpegContext* ctx) {
     return ctx->m_bAudioRunning.load(std::memory_order_relaxed) &&
            ctx->m_bRunning.load(std::memory_order_relaxed);
 }
-
-struct PacketFree {
-    void operator()(AVPacket* p) const { FreePacket(p); }
-};
-using QueuedPacket = std::unique_ptr<AVPacket, PacketFree>;
 
 }  // namespace
 
@@ -292,7 +286,7 @@ int AudioDecodeSendReceive(AVCodecContext* codec_ctx, const AVPacket* pkt, uint8
 
 int StartAudioThread(FFMpegContext* ctx) {
     if (!ctx || ctx->m_hAudioThread) return -1;
-    ctx->m_hAudioThread = os_thread_create(nullptr, AudioDecodeThreadProc, ctx);
+    ctx->m_hAudioThread.reset(os_thread_create(nullptr, AudioDecodeThreadProc, ctx));
     return ctx->m_hAudioThread ? 0 : -1;
 }
 
@@ -302,10 +296,8 @@ void StopAudioThread(FFMpegContext* ctx) {
     // it; wait for that so the stop below cannot be overwritten.
     while (!ctx->m_bAudioRunning.load(std::memory_order_relaxed)) os_sleep_ms(1);
     ctx->m_bAudioRunning.store(0, std::memory_order_relaxed);
-    ctx->m_AudioArrivals.Notify();
-    os_thread_join(ctx->m_hAudioThread);
-    os_thread_free(ctx->m_hAudioThread);
-    ctx->m_hAudioThread = nullptr;
+    ctx->m_AudioQueue.Wake();
+    ctx->m_hAudioThread.reset();  // joins
 }
 
 int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
@@ -317,7 +309,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         const AVCodec* codec = avcodec_find_decoder(static_cast<AVCodecID>(codec_id));
         if (codec) codec_ctx.reset(avcodec_alloc_context3(codec));
         if (codec_ctx) {
-            int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+            int rate = ctx->m_AudioClock.SampleRate();
             codec_ctx->sample_rate = rate > 0 ? rate : kNarrowbandRateHz;
             av_channel_layout_default(&codec_ctx->ch_layout, 1);
             if (codec_id == kCodecG726) {
@@ -331,7 +323,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         if (!codec_ctx || avcodec_open2(codec_ctx.get(), codec, nullptr) < 0) {
             // The recorder reads the audio decoder context under the record lock.
             {
-                OsMutexLock record(ctx->m_hRecordLock);
+                OsMutexLock record(ctx->m_Recorder.Lock());
                 ctx->m_pAudioCodecCtx.reset();
             }
             ctx->m_nAudioIndex = -1;
@@ -340,7 +332,7 @@ int OpenAudioDecoder(FFMpegContext* ctx, int codec_id) {
         }
     }
     {
-        OsMutexLock record(ctx->m_hRecordLock);
+        OsMutexLock record(ctx->m_Recorder.Lock());
         ctx->m_pAudioCodecCtx = std::move(codec_ctx);
         ctx->m_nAudioCodecId.store(codec_id, std::memory_order_relaxed);
     }
@@ -364,7 +356,7 @@ void* AudioDecodeThreadProc(void* arg) {
     FaadDecoder faad;
     bool aac_uninitialised = true;
     if (codec_id == kCodecAac) {
-        int rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+        int rate = ctx->m_AudioClock.SampleRate();
         if (!faad.Open(static_cast<unsigned long>(rate > 0 ? rate : kNarrowbandRateHz))) {
             os_print("======NeAACDecOpen==Failed===================\n");
             return nullptr;
@@ -383,8 +375,8 @@ void* AudioDecodeThreadProc(void* arg) {
             os_sleep_ms(kPauseSleepMs);
             continue;
         }
-        const uint64_t seen = ctx->m_AudioArrivals.Count();
-        QueuedPacket pkt(PopAudioPacket(ctx));
+        const uint64_t seen = ctx->m_AudioQueue.Arrivals();
+        QueuedPacket pkt = ctx->m_AudioQueue.Pop();
         if (!pkt) {
             // Rounds of 10 ms until the clock is dropped, then of 50 ms;
             // each ends early when a packet comes. Once the clock is
@@ -392,18 +384,18 @@ void* AudioDecodeThreadProc(void* arg) {
             // waits up to a second at a time.
             if (empty_rounds <= kEmptyRoundsBeforeDrop) {
                 ++empty_rounds;
-                ctx->m_AudioArrivals.WaitPast(seen, 10);
+                ctx->m_AudioQueue.WaitPast(seen, 10);
             } else if (empty_rounds == kEmptyRoundsBeforeDrop + 1) {
                 ++empty_rounds;
-                ctx->m_AudioArrivals.WaitPast(seen, 50);
+                ctx->m_AudioQueue.WaitPast(seen, 50);
                 DropAudioClock(ctx);
             } else {
-                ctx->m_AudioArrivals.WaitPast(seen, kIdleWaitMs);
+                ctx->m_AudioQueue.WaitPast(seen, kIdleWaitMs);
             }
             continue;
         }
         empty_rounds = 0;
-        ctx->m_bAudioClock.store(1, std::memory_order_relaxed);
+        ctx->m_AudioClock.MarkActive();
         const bool decode = ctx->m_bDecode.load(std::memory_order_relaxed) != 0;
         if (!decode || pkt->size <= 0) continue;
         if (audio_index < 0 || pkt->stream_index != audio_index) continue;
@@ -435,8 +427,8 @@ void* AudioDecodeThreadProc(void* arg) {
             if (codec_ctx->sample_rate > 0) rate_in_use = codec_ctx->sample_rate;
         }
         if (codec_ctx && codec_ctx->sample_rate > 0 &&
-            codec_ctx->sample_rate != ctx->m_nAudioSampleRate.load(std::memory_order_relaxed)) {
-            ctx->m_nAudioSampleRate.store(codec_ctx->sample_rate, std::memory_order_relaxed);
+            codec_ctx->sample_rate != ctx->m_AudioClock.SampleRate()) {
+            ctx->m_AudioClock.SetSampleRate(codec_ctx->sample_rate);
         }
         if (bytes <= 0 || rate_in_use <= 0) continue;
 

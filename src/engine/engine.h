@@ -54,28 +54,6 @@ FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int
 // take kNetOpenTimeoutMs; each later read kNetReadTimeoutMs.
 constexpr uint32_t kNetOpenTimeoutMs = 10000;
 constexpr uint32_t kNetReadTimeoutMs = 5000;
-// Sets the deadline of the context's blocking I/O to now + ms (0: none).
-void ArmIoDeadline(FFMpegContext* ctx, uint32_t ms);
-// A fresh deadline of ms for one blocking call (read, seek) of a network
-// source, cleared when the call is over: no call inherits a stale one, however
-// long the reader paused before it. Does nothing for local sources.
-class ScopedIoDeadline {
-public:
-    ScopedIoDeadline(FFMpegContext* ctx, bool network, uint32_t ms) : ctx_(network ? ctx : nullptr) {
-        if (ctx_) ArmIoDeadline(ctx_, ms);
-    }
-    ~ScopedIoDeadline() {
-        if (ctx_) ArmIoDeadline(ctx_, 0);
-    }
-    ScopedIoDeadline(const ScopedIoDeadline&) = delete;
-    ScopedIoDeadline& operator=(const ScopedIoDeadline&) = delete;
-
-private:
-    FFMpegContext* ctx_;
-};
-// The interrupt callback installed on every demuxer and AVIO connection:
-// gives up (for good) once m_bAbortIo is set or the deadline has passed.
-int IoInterruptCallback(void* ctx);
 // True for sources reached over the network ("scheme://...").
 bool IsNetworkSource(const char* url);
 // Names the calling thread "<role>:<source>" (the camera's host, or the

@@ -1,8 +1,8 @@
 // The media context: one per open stream, shared by its reader, video and
 // audio threads, and the packet queues between them.
 //
-// Lock order (never reversed): a camera's lock, m_hRecordLock, then one of
-// the packet-queue locks. No two queue locks are ever held together.
+// Lock order (never reversed): a camera's lock, the recorder's lock, then
+// one of the packet-queue locks. No two queue locks are ever held together.
 // Fields read by one thread and written by another without a lock are
 // std::atomic (relaxed ordering is enough: they are polled flags/figures).
 #pragma once
@@ -14,7 +14,10 @@
 #include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
 #include "engine/h265/ihw265d_handle.h"
-#include "engine/packet_arrivals.h"
+#include "engine/http_receiver.h"
+#include "engine/io_guard.h"
+#include "engine/packet_queue.h"
+#include "engine/recorder.h"
 #include "runtime/os.h"
 
 struct FFMpegContext;
@@ -32,20 +35,9 @@ struct FFMpegContext {
     std::atomic<int32_t> m_nVideoCodecId{0};
     std::atomic<int32_t> m_nAudioCodecId{0};
 
-    os_thread* m_hReadThread = nullptr;
-    os_thread* m_hVideoThread = nullptr;
-    os_thread* m_hAudioThread = nullptr;
-
-    os_list* m_pVideoPktList = nullptr;   // guarded by m_hVideoPktLock
-    os_mutex* m_hVideoPktLock = nullptr;
-    os_list* m_pAudioPktList = nullptr;   // guarded by m_hAudioPktLock
-    os_mutex* m_hAudioPktLock = nullptr;
-    // Pushes into each queue, for the decode thread waiting on it.
-    PacketArrivals m_VideoArrivals;
-    PacketArrivals m_AudioArrivals;
-
-    // Guards the recording fields below while a packet is written.
-    os_mutex* m_hRecordLock = nullptr;
+    // Reader to decode threads; each queue owns its lock.
+    PacketQueue m_VideoQueue;
+    PacketQueue m_AudioQueue;
 
     std::atomic<int32_t> m_bRunning{0};
     std::atomic<int32_t> m_bAudioRunning{0};
@@ -53,18 +45,8 @@ struct FFMpegContext {
     char m_szUrl[256] = {};
     std::atomic<int32_t> m_bPause{0};
 
-    // Recording (guarded by m_hRecordLock; m_bRecording is also polled).
-    std::atomic<int32_t> m_bRecording{0};
-    uint64_t m_nRecordFrames = 0;
-    uint64_t m_nRecordReserved = 0;
-    std::atomic<uint64_t> nSaveTickCount{0};
-    uint64_t m_nRecordAudioPts = 0;
-    char m_szRecordFile[256] = {};
-    camctl::OutputFormatPtr m_pRecordFmtCtx;
-    AVStream* m_pRecordVideoStream = nullptr;
-    AVStream* m_pRecordAudioStream = nullptr;
-    // Length-prefixed (MP4/MKV) H.264/H.265 to Annex B for the recording.
-    camctl::BsfPtr m_pRecordBsf;
+    // The file being recorded, if any (its own lock).
+    Recorder m_Recorder;
 
     std::atomic<int32_t> m_nWidth{0};
     std::atomic<int32_t> m_nHeight{0};
@@ -93,27 +75,24 @@ struct FFMpegContext {
     camctl::Ihw265dHandle m_hH265Decoder;  // IHW265D instance, HEVC only (deleted with the context)
 
     // Private HTTP frame protocol (reader thread only).
-    int32_t m_bHttpFrame = 0;
-    uint8_t* m_pRecvBuf = nullptr;  // 2,000,000 bytes
-    uint32_t m_nRecvLen = 0;
-    uint32_t m_nRecvPos = 0;
+    HttpFrameReceiver m_HttpFrame;
 
-    // Audio clock (moved by the audio thread, reset by the reader, followed
-    // by the video thread); m_bAudioClock: audio packets are arriving.
-    std::atomic<int32_t> m_bAudioClock{0};
-    std::atomic<int32_t> m_nAudioSampleRate{0};
     int32_t m_bHttpSource = 0;
+    // Moved by the audio thread, reset by the reader, followed by the video
+    // thread; also carries the audio sample rate.
     AudioClock m_AudioClock;
 
-    // Blocking-I/O guard read by the demuxer's interrupt callback: I/O gives
-    // up once m_bAbortIo is set (by FFMpegContextDestroy) or the tick count
-    // passes m_nIoDeadline (0: no deadline). See ArmIoDeadline.
-    std::atomic<int32_t> m_bAbortIo{0};
-    std::atomic<uint64_t> m_nIoDeadline{0};
+    // Stops blocking I/O at close or when a deadline passes.
+    IoGuard m_IoGuard;
+
+    // Declared last so that they are joined before anything they use goes.
+    OsThreadPtr m_hReadThread;
+    OsThreadPtr m_hVideoThread;
+    OsThreadPtr m_hAudioThread;
 };
 
-// Packet queues. Elements are deep copies (data + 32 bytes slack) that the
-// caller of Pop* frees with FreePacket.
+// Shorthands for the two queues (the ctx may be null). Pop* hands over a
+// packet that the caller frees with FreePacket.
 void PushVideoPacket(FFMpegContext* ctx, const AVPacket* pkt);
 void PushAudioPacket(FFMpegContext* ctx, const AVPacket* pkt);
 AVPacket* PopVideoPacket(FFMpegContext* ctx);
@@ -123,7 +102,6 @@ int GetAVPktListElmCount(FFMpegContext* ctx);
 void WakePacketWaiters(FFMpegContext* ctx);
 void FlushVideoPackets(FFMpegContext* ctx);
 void FlushAudioPackets(FFMpegContext* ctx);
-void FreePacket(AVPacket* pkt);
 int GetVideoCodecNumber(FFMpegContext* ctx);
 
 // Allocates an empty context with its queues and locks (no source, no

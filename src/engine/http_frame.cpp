@@ -78,7 +78,7 @@ void CheckAudioFormat(FFMpegContext* ctx, const HttpFrameHeader& h, int* audioCh
     if (h.audio_codec < 1 && current != 0) return;
     int wanted = HttpFrameAudioCodecId(h.audio_codec);
     int rate = static_cast<int>(h.sample_rate);
-    int oldRate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+    int oldRate = ctx->m_AudioClock.SampleRate();
     bool request = false;
     if (wanted != current || rate != oldRate) {
         os_print("Audio codec change:%d , (%d -> %d) !!", h.audio_codec, oldRate, rate);
@@ -90,7 +90,7 @@ void CheckAudioFormat(FFMpegContext* ctx, const HttpFrameHeader& h, int* audioCh
     if (audioChanged) *audioChanged = 1;
     if (newAudioCodec) *newAudioCodec = wanted;
     ctx->m_nAudioIndex = 1;
-    ctx->m_nAudioSampleRate.store(rate, std::memory_order_relaxed);
+    ctx->m_AudioClock.SetSampleRate(rate);
 }
 
 }  // namespace
@@ -234,16 +234,15 @@ bool HttpMotionRegionText(const uint8_t* payload, uint32_t len, char* text) {
 }
 
 int http_read_one_frame(FFMpegContext* ctx, AVPacket* pkt, int* audioChanged, int* newAudioCodec) {
-    if (!ctx || !pkt || !ctx->m_pRecvBuf) return -1;
+    if (!ctx || !pkt || !ctx->m_HttpFrame.HasBuffer()) return -1;
+    HttpFrameReceiver& recv = ctx->m_HttpFrame;
     AVIOContext* io = ctx->m_pHttpIo.get();
     HttpFrameState state;
 
     for (;;) {
         if (!ctx->m_bRunning.load(std::memory_order_relaxed)) return -1;
-        if (ctx->m_nRecvPos > ctx->m_nRecvLen) ctx->m_nRecvPos = ctx->m_nRecvLen;
-        int ret = http_read_frame(ctx->m_pRecvBuf + ctx->m_nRecvPos,
-                                  ctx->m_nRecvLen - ctx->m_nRecvPos, &state);
-        ctx->m_nRecvPos = state.allreadsize;
+        int ret = http_read_frame(recv.Data() + recv.Pos(), recv.Len() - recv.Pos(), &state);
+        recv.SetPos(state.allreadsize);
         if (ret == HTTP_FRAME_OK) break;
         if (ret == HTTP_DATA_ERROR) {
             // Parsing the same bytes again cannot succeed: end the connection.
@@ -251,17 +250,10 @@ int http_read_one_frame(FFMpegContext* ctx, AVPacket* pkt, int* audioChanged, in
             return -1;
         }
         // HTTP_DATA_NO_ENOUGH or HTTP_FRAME_FAILED: read more.
-        if (ctx->m_nRecvLen + HTTP_READ_CHUNK > HTTP_RECV_BUF_SIZE || !io) return -1;
-        int got = avio_read(io, ctx->m_pRecvBuf + ctx->m_nRecvLen, HTTP_READ_CHUNK);
+        int got = recv.ReadMore(io);
         if (got < 1 || got > static_cast<int>(HTTP_READ_CHUNK)) return -1;
-        ctx->m_nRecvLen += static_cast<uint32_t>(got);
     }
-
-    // Drop the frame's bytes.
-    uint32_t consumed = state.allreadsize <= ctx->m_nRecvLen ? state.allreadsize : ctx->m_nRecvLen;
-    ctx->m_nRecvLen -= consumed;
-    memmove(ctx->m_pRecvBuf, ctx->m_pRecvBuf + consumed, ctx->m_nRecvLen);
-    ctx->m_nRecvPos = 0;
+    recv.Consume(state.allreadsize);  // drop the frame's bytes
 
     const HttpFrameHeader& h = state.header;
     const int size = static_cast<int>(state.payload.size());

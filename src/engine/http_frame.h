@@ -20,8 +20,8 @@
 // There is no end marker: a frame is complete only once the start marker of
 // the next frame is seen exactly 88 + size bytes after its own.
 //
-// The receive buffer lives in the media context (m_pRecvBuf, m_nRecvLen,
-// m_nRecvPos); the connection is ctx->m_pHttpIo, read with avio_read.
+// The receive buffer is the context's HttpFrameReceiver (http_receiver.h);
+// the connection is ctx->m_pHttpIo, read with avio_read.
 #pragma once
 
 #include <cstdint>
@@ -37,8 +37,6 @@ constexpr int HTTP_DATA_ERROR = 3;      // the header announces more than 2,000,
 
 constexpr uint32_t HTTP_FRAME_HEADER_SIZE = 88;
 constexpr uint32_t HTTP_FRAME_MAX_PAYLOAD = 2000000;
-constexpr uint32_t HTTP_RECV_BUF_SIZE = 2000000;  // size of m_pRecvBuf
-constexpr uint32_t HTTP_READ_CHUNK = 2000;        // bytes asked of avio_read at a time
 
 constexpr uint32_t HTTP_STREAM_VIDEO = 1;
 constexpr uint32_t HTTP_STREAM_AUDIO = 2;

@@ -30,79 +30,65 @@ AVPacket* CopyPacket(const AVPacket* pkt) {
     return copy.release();
 }
 
-void FreePacketValue(void* value) { FreePacket(static_cast<AVPacket*>(value)); }
+}  // namespace
 
-void Push(os_mutex* lock, os_list* list, const AVPacket* pkt) {
-    AVPacket* copy = CopyPacket(pkt);  // copied before the lock is taken
+void PacketQueue::Push(const AVPacket* pkt) {
+    QueuedPacket copy(CopyPacket(pkt));  // copied before the lock is taken
     if (!copy) return;
-    int rc;
     {
-        OsMutexLock guard(lock);
-        rc = os_list_insert(list, copy, -1);
+        OsMutexLock guard(lock_.get());
+        items_.push_back(std::move(copy));
     }
-    if (rc < 0) FreePacket(copy);
+    arrivals_.Notify();
 }
 
-AVPacket* Pop(os_mutex* lock, os_list* list) {
-    OsMutexLock guard(lock);
-    AVPacket* pkt = nullptr;
-    if (os_list_at_end(list, 0) == 0) {
-        pkt = static_cast<AVPacket*>(os_list_get(list, 0));
-        os_list_remove(list, 0);
-    }
+QueuedPacket PacketQueue::Pop() {
+    OsMutexLock guard(lock_.get());
+    if (items_.empty()) return nullptr;
+    QueuedPacket pkt = std::move(items_.front());
+    items_.pop_front();
     return pkt;
 }
 
-void Flush(os_mutex* lock, os_list* list) {
-    OsMutexLock guard(lock);
-    os_list_iter it{};
-    for (void* value = os_list_begin(list, &it); value;) {
-        AVPacket* pkt = static_cast<AVPacket*>(value);
-        value = os_list_erase(&it);
-        FreePacket(pkt);
+void PacketQueue::Flush() {
+    std::deque<QueuedPacket> dropped;
+    {
+        OsMutexLock guard(lock_.get());
+        dropped.swap(items_);
     }
 }
 
-}  // namespace
+int PacketQueue::Count() const {
+    OsMutexLock guard(lock_.get());
+    return static_cast<int>(items_.size());
+}
 
 void PushVideoPacket(FFMpegContext* ctx, const AVPacket* pkt) {
-    if (!ctx) return;
-    Push(ctx->m_hVideoPktLock, ctx->m_pVideoPktList, pkt);
-    ctx->m_VideoArrivals.Notify();
+    if (ctx) ctx->m_VideoQueue.Push(pkt);
 }
 
 void PushAudioPacket(FFMpegContext* ctx, const AVPacket* pkt) {
-    if (!ctx) return;
-    Push(ctx->m_hAudioPktLock, ctx->m_pAudioPktList, pkt);
-    ctx->m_AudioArrivals.Notify();
+    if (ctx) ctx->m_AudioQueue.Push(pkt);
 }
 
 void WakePacketWaiters(FFMpegContext* ctx) {
     if (!ctx) return;
-    ctx->m_VideoArrivals.Notify();
-    ctx->m_AudioArrivals.Notify();
+    ctx->m_VideoQueue.Wake();
+    ctx->m_AudioQueue.Wake();
 }
 
-AVPacket* PopVideoPacket(FFMpegContext* ctx) {
-    return ctx ? Pop(ctx->m_hVideoPktLock, ctx->m_pVideoPktList) : nullptr;
-}
+AVPacket* PopVideoPacket(FFMpegContext* ctx) { return ctx ? ctx->m_VideoQueue.Pop().release() : nullptr; }
 
-AVPacket* PopAudioPacket(FFMpegContext* ctx) {
-    return ctx ? Pop(ctx->m_hAudioPktLock, ctx->m_pAudioPktList) : nullptr;
-}
+AVPacket* PopAudioPacket(FFMpegContext* ctx) { return ctx ? ctx->m_AudioQueue.Pop().release() : nullptr; }
 
-int GetAVPktListElmCount(FFMpegContext* ctx) {
-    if (!ctx) return -1;
-    OsMutexLock guard(ctx->m_hVideoPktLock);
-    return os_list_count(ctx->m_pVideoPktList);
-}
+int GetAVPktListElmCount(FFMpegContext* ctx) { return ctx ? ctx->m_VideoQueue.Count() : -1; }
 
 void FlushVideoPackets(FFMpegContext* ctx) {
-    if (ctx) Flush(ctx->m_hVideoPktLock, ctx->m_pVideoPktList);
+    if (ctx) ctx->m_VideoQueue.Flush();
 }
 
 void FlushAudioPackets(FFMpegContext* ctx) {
-    if (ctx) Flush(ctx->m_hAudioPktLock, ctx->m_pAudioPktList);
+    if (ctx) ctx->m_AudioQueue.Flush();
 }
 
 void FreePacket(AVPacket* pkt) {
@@ -125,13 +111,7 @@ int GetVideoCodecNumber(FFMpegContext* ctx) {
 FFMpegContext* FFMpegContextAlloc() {
     auto ctx = std::make_unique<FFMpegContext>();
     ctx->m_nAudioIndex = -1;
-    ctx->m_pVideoPktList = os_list_create();
-    ctx->m_hVideoPktLock = os_mutex_create();
-    ctx->m_pAudioPktList = os_list_create();
-    ctx->m_hAudioPktLock = os_mutex_create();
-    ctx->m_hRecordLock = os_mutex_create();
-    if (!ctx->m_pVideoPktList || !ctx->m_hVideoPktLock || !ctx->m_pAudioPktList ||
-        !ctx->m_hAudioPktLock || !ctx->m_hRecordLock) {
+    if (!ctx->m_VideoQueue.Ok() || !ctx->m_AudioQueue.Ok() || !ctx->m_Recorder.Ok()) {
         FFMpegContextFree(ctx.release());
         return nullptr;
     }
@@ -141,14 +121,4 @@ FFMpegContext* FFMpegContextAlloc() {
 void FFMpegContextFree(FFMpegContext* ctx) {
     if (!ctx) return;
     std::unique_ptr<FFMpegContext> owner(ctx);
-    os_list_destroy(ctx->m_pVideoPktList, FreePacketValue);
-    os_list_destroy(ctx->m_pAudioPktList, FreePacketValue);
-    ctx->m_pVideoPktList = nullptr;
-    ctx->m_pAudioPktList = nullptr;
-    os_mutex_destroy(ctx->m_hVideoPktLock);
-    os_mutex_destroy(ctx->m_hAudioPktLock);
-    os_mutex_destroy(ctx->m_hRecordLock);
-    ctx->m_hVideoPktLock = nullptr;
-    ctx->m_hAudioPktLock = nullptr;
-    ctx->m_hRecordLock = nullptr;
 }

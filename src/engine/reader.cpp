@@ -92,7 +92,7 @@ bool ApplySeek(FFMpegContext* ctx, int64_t target, bool network) {
     int64_t seconds = target * ctx->m_nTimeBaseNum / ctx->m_nTimeBaseDen;
     if (seconds > ctx->m_nDurationSec) return false;
     {
-        const ScopedIoDeadline deadline(ctx, network, kNetReadTimeoutMs);
+        const ScopedIoDeadline deadline(ctx->m_IoGuard, network, kNetReadTimeoutMs);
         av_seek_frame(ctx->m_pFormatCtx.get(), ctx->m_nVideoIndex, target, AVSEEK_FLAG_BACKWARD);
     }
     ctx->m_nSeekTarget = 0;
@@ -109,8 +109,8 @@ void OnOverflow(FFMpegContext* ctx, ReaderState& st, int count) {
 
 // Reads the next packet. False ends the reader (after logging why).
 bool ReadPacket(FFMpegContext* ctx, ReaderState& st, bool network, AVPacket* pkt) {
-    const ScopedIoDeadline deadline(ctx, network, kNetReadTimeoutMs);
-    if (ctx->m_bHttpFrame) {
+    const ScopedIoDeadline deadline(ctx->m_IoGuard, network, kNetReadTimeoutMs);
+    if (ctx->m_HttpFrame.IsFrameStream()) {
         int audioChanged = 0;
         int newAudioCodec = 0;
         if (http_read_one_frame(ctx, pkt, &audioChanged, &newAudioCodec) < 0) {
@@ -250,8 +250,8 @@ void* ReadThreadProc(void* arg) {
             OnOverflow(ctx, st, queued);
             continue;
         }
-        if (ctx->m_bRecording && ctx->nSaveTickCount == 0)
-            os_print("nSaveTickCount:%d\n", int(ctx->nSaveTickCount.load()));
+        if (ctx->m_Recorder.Recording() && ctx->m_Recorder.StartTick() == 0)
+            os_print("nSaveTickCount:%d\n", int(ctx->m_Recorder.StartTick()));
 
         if (!ReadPacket(ctx, st, network, pkt.get())) break;
 
@@ -271,7 +271,7 @@ void* ReadThreadProc(void* arg) {
 
 bool SplitsKeyPictures(const FFMpegContext* ctx) {
     // Files hold whole pictures, and so does the private HTTP stream.
-    const AVFormatContext* fmt = ctx->m_bHttpFrame ? nullptr : ctx->m_pFormatCtx.get();
+    const AVFormatContext* fmt = ctx->m_HttpFrame.IsFrameStream() ? nullptr : ctx->m_pFormatCtx.get();
     if (!fmt || !fmt->iformat || std::strcmp(fmt->iformat->name, "rtsp") != 0) return false;
     return ctx->m_nVideoCodecId == AV_CODEC_ID_H264 || ctx->m_nVideoCodecId == AV_CODEC_ID_HEVC;
 }

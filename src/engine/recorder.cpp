@@ -4,7 +4,7 @@
 // stream's dwRate in the finished file.
 //
 // Locks: g_recorder_lock (all starts and stops of all contexts), then the
-// context's m_hRecordLock (against the reader's write step).
+// recorder's m_hRecordLock (against the reader's write step).
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/statvfs.h>
@@ -99,9 +99,11 @@ int CopyExtradata(AVCodecParameters* par, const uint8_t* data, int size) {
     return 0;
 }
 
+}  // namespace
+
 // Time base of a demuxed packet's stream. Reader thread only (the reader
 // may grow the stream table in av_read_frame).
-AVRational SourceTimeBase(const FFMpegContext* ctx, int stream_index) {
+static AVRational SourceTimeBase(const FFMpegContext* ctx, int stream_index) {
     const AVFormatContext* in = ctx->m_pFormatCtx.get();
     if (in && stream_index >= 0 && static_cast<unsigned>(stream_index) < in->nb_streams)
         return in->streams[stream_index]->time_base;
@@ -112,7 +114,7 @@ AVRational SourceTimeBase(const FFMpegContext* ctx, int stream_index) {
 // B-frames, macroblock decision, the global-header flag) have no place in
 // the output stream's parameters and are not set. The time base is set on
 // the stream itself, which is what the AVI muxer writes as dwScale/dwRate.
-int AddVideoStream(FFMpegContext* ctx, AVFormatContext* oc) {
+int Recorder::AddVideoStream(const FFMpegContext* ctx, AVFormatContext* oc) {
     const int codec_id = ctx->m_nVideoCodecId.load(std::memory_order_relaxed);
     const AVCodecContext* video = ctx->m_pVideoCodecCtx.get();
     AVStream* st = NewStreamOrExit(oc, codec_id);
@@ -138,16 +140,16 @@ int AddVideoStream(FFMpegContext* ctx, AVFormatContext* oc) {
         bsf->time_base_in = AVRational{1, kPtsClockHz};
         if ((ret = av_bsf_init(bsf.get())) < 0) return ret;
         if ((ret = CopyExtradata(par, bsf->par_out->extradata, bsf->par_out->extradata_size)) < 0) return ret;
-        ctx->m_pRecordBsf = std::move(bsf);
+        m_pRecordBsf = std::move(bsf);
     } else if (video) {
         int ret = CopyExtradata(par, video->extradata, video->extradata_size);
         if (ret < 0) return ret;
     }
-    ctx->m_pRecordVideoStream = st;
+    m_pRecordVideoStream = st;
     return 0;
 }
 
-void AddAudioStream(FFMpegContext* ctx, AVFormatContext* oc) {
+void Recorder::AddAudioStream(const FFMpegContext* ctx, AVFormatContext* oc) {
     const int codec_id = ctx->m_nAudioCodecId.load(std::memory_order_relaxed);
     const AVCodecContext* audio = ctx->m_pAudioCodecCtx.get();
     AVStream* st = NewStreamOrExit(oc, codec_id);
@@ -162,7 +164,7 @@ void AddAudioStream(FFMpegContext* ctx, AVFormatContext* oc) {
     int rate = 0;
     switch (codec_id) {
         case AV_CODEC_ID_AAC:
-            rate = ctx->m_nAudioSampleRate.load(std::memory_order_relaxed);
+            rate = ctx->m_AudioClock.SampleRate();
             if (rate <= 0 && audio) rate = audio->sample_rate;
             par->frame_size = kAacFrameSamples;
             break;
@@ -198,12 +200,12 @@ void AddAudioStream(FFMpegContext* ctx, AVFormatContext* oc) {
         par->bit_rate = static_cast<int64_t>(rate) * 8 * channels;
     }
     if (audio) CopyExtradata(par, audio->extradata, audio->extradata_size);
-    ctx->m_pRecordAudioStream = st;
+    m_pRecordAudioStream = st;
 }
 
 // Samples (per channel) in one audio packet: from its size for codecs with a
 // fixed bit rate, else from its duration, else one codec frame.
-int64_t AudioPacketSamples(const FFMpegContext* ctx, const AVPacket* pkt, const AVCodecParameters* par) {
+static int64_t AudioPacketSamples(const FFMpegContext* ctx, const AVPacket* pkt, const AVCodecParameters* par) {
     int64_t n = av_get_audio_frame_duration2(const_cast<AVCodecParameters*>(par), pkt->size);
     if (n > 0) return n;
     if (pkt->duration > 0)
@@ -213,19 +215,19 @@ int64_t AudioPacketSamples(const FFMpegContext* ctx, const AVPacket* pkt, const 
 
 // Closes the muxer: trailer (index and header sizes), file, context.
 // Called with m_hRecordLock held.
-void FinishRecordingFile(FFMpegContext* ctx) {
-    if (AVFormatContext* oc = ctx->m_pRecordFmtCtx.get()) {
+void Recorder::FinishRecordingFile() {
+    if (AVFormatContext* oc = m_pRecordFmtCtx.get()) {
         int ret = av_write_trailer(oc);
         if (ret < 0) {
             char err[AV_ERROR_MAX_STRING_SIZE] = {};
             av_strerror(ret, err, sizeof err);
-            os_print("av_write_trailer file:%s error:%s", ctx->m_szRecordFile, err);
+            os_print("av_write_trailer file:%s error:%s", m_szRecordFile, err);
         }
     }
-    ctx->m_pRecordFmtCtx.reset();
-    ctx->m_pRecordVideoStream = nullptr;
-    ctx->m_pRecordAudioStream = nullptr;
-    ctx->m_pRecordBsf.reset();
+    m_pRecordFmtCtx.reset();
+    m_pRecordVideoStream = nullptr;
+    m_pRecordAudioStream = nullptr;
+    m_pRecordBsf.reset();
 }
 
 // Room checks run each time the file grows past a multiple of this, and
@@ -237,13 +239,13 @@ constexpr int64_t kIndexEntryBytes = 16;
 
 // Bytes the recording file may still grow by: the file size limit and the
 // free space of its file system, whichever is smaller.
-int64_t RecordRoom(const FFMpegContext* ctx, const AVIOContext* pb, int64_t pos) {
+static int64_t RecordRoom(const char* path, const AVIOContext* pb, int64_t pos) {
     int64_t room = INT64_MAX;
     struct rlimit lim {};
     if (getrlimit(RLIMIT_FSIZE, &lim) == 0 && lim.rlim_cur != RLIM_INFINITY)
         room = static_cast<int64_t>(lim.rlim_cur) - pos;
     struct statvfs fs {};
-    if (statvfs(ctx->m_szRecordFile, &fs) == 0) {
+    if (statvfs(path, &fs) == 0) {
         // Up to one buffer of what was written is not on disk yet.
         int64_t free_bytes = static_cast<int64_t>(fs.f_bavail) * static_cast<int64_t>(fs.f_frsize) - pb->buffer_size;
         if (free_bytes < room) room = free_bytes;
@@ -253,41 +255,41 @@ int64_t RecordRoom(const FFMpegContext* ctx, const AVIOContext* pb, int64_t pos)
 
 // False when writing size more bytes could leave no room to finish the
 // file with its index.
-bool RecordHasRoom(const FFMpegContext* ctx, int size) {
-    const AVIOContext* pb = ctx->m_pRecordFmtCtx->pb;
+bool Recorder::RecordHasRoom(int size) const {
+    const AVIOContext* pb = m_pRecordFmtCtx->pb;
     if (!pb) return true;
     const int64_t pos = avio_tell(const_cast<AVIOContext*>(pb));
     if (pos / kRoomCheckBytes == (pos + size) / kRoomCheckBytes) return true;
-    const int64_t packets = static_cast<int64_t>(ctx->m_nRecordFrames) + 1;
+    const int64_t packets = static_cast<int64_t>(m_nRecordFrames) + 1;
     const int64_t need = size + kRoomReserveBytes + packets * 4 * kIndexEntryBytes;
-    return RecordRoom(ctx, pb, pos) >= need;
+    return RecordRoom(m_szRecordFile, pb, pos) >= need;
 }
 
 // Writes one packet; an I/O failure (disk full, size limit) closes the file
 // so that what was written stays readable. Called with m_hRecordLock held.
-void WriteRecordPacket(FFMpegContext* ctx, AVPacket* pkt) {
-    AVFormatContext* oc = ctx->m_pRecordFmtCtx.get();
+void Recorder::WriteRecordPacket(AVPacket* pkt) {
+    AVFormatContext* oc = m_pRecordFmtCtx.get();
     int ret = av_write_frame(oc, pkt);
     if (ret >= 0) return;
     char err[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(ret, err, sizeof err);
-    os_print("av_write_frame file:%s error:%s", ctx->m_szRecordFile, err);
-    if (oc->pb && oc->pb->error < 0) FinishRecordingFile(ctx);
+    os_print("av_write_frame file:%s error:%s", m_szRecordFile, err);
+    if (oc->pb && oc->pb->error < 0) FinishRecordingFile();
 }
 
 // Frame rate of the finished recording in hundredths of a frame per second.
-int64_t ComputeVideoFreq(FFMpegContext* ctx) {
+int64_t Recorder::ComputeVideoFreq(const FFMpegContext* ctx) const {
     int64_t freq = kDefaultVideoFreq;
-    const uint64_t frames = ctx->m_nRecordFrames;
-    const uint64_t start = ctx->nSaveTickCount.load(std::memory_order_relaxed);
+    const uint64_t frames = m_nRecordFrames;
+    const uint64_t start = nSaveTickCount.load(std::memory_order_relaxed);
     if (static_cast<int64_t>(os_tick_count64() - start) > 0) {
         int64_t elapsed = static_cast<int64_t>(os_tick_count64() - start);
         freq = static_cast<int64_t>(frames) * kFreqScale * 1000 / elapsed;
     }
     // With 8 kHz audio the sample count is the better clock.
     const AVCodecContext* audio = ctx->m_pAudioCodecCtx.get();
-    if (ctx->m_nRecordAudioPts > 0 && audio && audio->sample_rate == kNarrowbandRateHz)
-        freq = static_cast<int64_t>(frames * kFreqScale * kNarrowbandRateHz / ctx->m_nRecordAudioPts);
+    if (m_nRecordAudioPts > 0 && audio && audio->sample_rate == kNarrowbandRateHz)
+        freq = static_cast<int64_t>(frames * kFreqScale * kNarrowbandRateHz / m_nRecordAudioPts);
     if (freq <= 0 || freq > kMaxVideoFreq) {
         os_print("nVideoFreq:%d  nVideoFreq error===============", static_cast<int>(freq));
         freq = kFallbackVideoFreq;
@@ -297,7 +299,7 @@ int64_t ComputeVideoFreq(FFMpegContext* ctx) {
 
 // Puts freq into the first stream header's dwRate. Only a file that starts
 // like an AVI with a stream header at its usual place is touched.
-void PatchAviRate(const char* path, int64_t freq) {
+static void PatchAviRate(const char* path, int64_t freq) {
     FILE* f = fopen(path, "rb+");
     if (!f) return;
     unsigned char head[kAviPatchBytes];
@@ -312,19 +314,17 @@ void PatchAviRate(const char* path, int64_t freq) {
     if (fclose(f) != 0) os_print("record file:%s frame rate not written", path);
 }
 
-}  // namespace
-
-int RecordStart(FFMpegContext* ctx, const char* path) {
-    if (!ctx || !path || ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
+int Recorder::Start(const FFMpegContext* ctx, const char* path) {
+    if (!ctx || !path || !Ok() || m_bRecording.load(std::memory_order_relaxed)) return -1;
     std::lock_guard<std::mutex> recorder(g_recorder_lock);
-    OsMutexLock record(ctx->m_hRecordLock);
-    if (ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
+    OsMutexLock record(m_hRecordLock.get());
+    if (m_bRecording.load(std::memory_order_relaxed)) return -1;
 
-    ctx->m_nRecordFrames = 0;
-    ctx->m_nRecordReserved = 0;
-    ctx->nSaveTickCount.store(os_tick_count64(), std::memory_order_relaxed);
-    ctx->m_nRecordAudioPts = 0;
-    snprintf(ctx->m_szRecordFile, sizeof ctx->m_szRecordFile, "%s", path);
+    m_nRecordFrames = 0;
+    m_nRecordReserved = 0;
+    nSaveTickCount.store(os_tick_count64(), std::memory_order_relaxed);
+    m_nRecordAudioPts = 0;
+    snprintf(m_szRecordFile, sizeof m_szRecordFile, "%s", path);
 
     const AVOutputFormat* fmt = av_guess_format(nullptr, path, nullptr);
     if (!fmt) {
@@ -354,70 +354,78 @@ int RecordStart(FFMpegContext* ctx, const char* path) {
         char err[AV_ERROR_MAX_STRING_SIZE] = {};
         av_strerror(ret, err, sizeof err);
         os_print("RecordStart file:%s error:%s", path, err);
-        ctx->m_pRecordVideoStream = nullptr;
-        ctx->m_pRecordAudioStream = nullptr;
-        ctx->m_pRecordBsf.reset();
+        m_pRecordVideoStream = nullptr;
+        m_pRecordAudioStream = nullptr;
+        m_pRecordBsf.reset();
         return -1;
     }
-    ctx->m_pRecordFmtCtx = std::move(oc);
-    ctx->m_bRecording.store(1, std::memory_order_relaxed);
+    m_pRecordFmtCtx = std::move(oc);
+    m_bRecording.store(1, std::memory_order_relaxed);
     return 0;
 }
 
-int RecordStop(FFMpegContext* ctx) {
-    if (!ctx || !ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
+int Recorder::Stop(const FFMpegContext* ctx) {
+    if (!ctx || !Ok() || !m_bRecording.load(std::memory_order_relaxed)) return -1;
     std::lock_guard<std::mutex> recorder(g_recorder_lock);
-    OsMutexLock record(ctx->m_hRecordLock);
-    if (!ctx->m_bRecording.load(std::memory_order_relaxed)) return -1;
-    ctx->m_bRecording.store(0, std::memory_order_relaxed);
+    OsMutexLock record(m_hRecordLock.get());
+    if (!m_bRecording.load(std::memory_order_relaxed)) return -1;
+    m_bRecording.store(0, std::memory_order_relaxed);
 
     const int64_t freq = ComputeVideoFreq(ctx);
-    FinishRecordingFile(ctx);
-    PatchAviRate(ctx->m_szRecordFile, freq);
+    FinishRecordingFile();
+    PatchAviRate(m_szRecordFile, freq);
     return 0;
 }
 
-void RecordWritePacket(FFMpegContext* ctx, AVPacket* pkt) {
-    if (!ctx || !pkt) return;
-    OsMutexLock record(ctx->m_hRecordLock);
-    if (!ctx->m_bRecording.load(std::memory_order_relaxed) || !ctx->m_pRecordFmtCtx) return;
+void Recorder::Write(const FFMpegContext* ctx, AVPacket* pkt) {
+    if (!ctx || !pkt || !Ok()) return;
+    OsMutexLock record(m_hRecordLock.get());
+    if (!m_bRecording.load(std::memory_order_relaxed) || !m_pRecordFmtCtx) return;
 
     const bool video = pkt->stream_index == ctx->m_nVideoIndex;
     const bool audio = !video && ctx->m_nAudioIndex >= 0 && pkt->stream_index == ctx->m_nAudioIndex;
     const bool key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
     // The recording starts on a video key frame; nothing before it is kept.
-    if (ctx->m_nRecordFrames == 0 && !(video && key)) return;
-    if (!video && !(audio && ctx->m_pRecordAudioStream)) return;
+    if (m_nRecordFrames == 0 && !(video && key)) return;
+    if (!video && !(audio && m_pRecordAudioStream)) return;
 
-    if (!RecordHasRoom(ctx, pkt->size)) {
-        os_print("record file:%s no room left, recording closed", ctx->m_szRecordFile);
-        FinishRecordingFile(ctx);
+    if (!RecordHasRoom(pkt->size)) {
+        os_print("record file:%s no room left, recording closed", m_szRecordFile);
+        FinishRecordingFile();
         return;
     }
     camctl::PacketPtr copy = camctl::MakePacket();
     if (!copy || av_packet_ref(copy.get(), pkt) < 0) return;
-    if (ctx->m_nRecordFrames == 0) ctx->nSaveTickCount.store(os_tick_count64(), std::memory_order_relaxed);
+    if (m_nRecordFrames == 0) nSaveTickCount.store(os_tick_count64(), std::memory_order_relaxed);
 
     if (video) {
-        if (AVBSFContext* bsf = ctx->m_pRecordBsf.get()) {
+        if (AVBSFContext* bsf = m_pRecordBsf.get()) {
             if (av_bsf_send_packet(bsf, copy.get()) < 0) return;
             if (av_bsf_receive_packet(bsf, copy.get()) < 0) return;
         }
         // Packets are numbered from 0 in the 100/2499 time base; the AVI
         // muxer fills any gap in that numbering with empty frames.
-        const int64_t n = static_cast<int64_t>(ctx->m_nRecordFrames++);
+        const int64_t n = static_cast<int64_t>(m_nRecordFrames++);
         copy->pts = copy->dts = n;
         copy->duration = 1;
-        copy->stream_index = ctx->m_pRecordVideoStream->index;
+        copy->stream_index = m_pRecordVideoStream->index;
         if (key) copy->flags |= AV_PKT_FLAG_KEY;
     } else {
-        AVStream* st = ctx->m_pRecordAudioStream;
+        AVStream* st = m_pRecordAudioStream;
         const int64_t samples = AudioPacketSamples(ctx, pkt, st->codecpar);
         const AVRational sample_tb{1, st->codecpar->sample_rate};
-        copy->pts = copy->dts = av_rescale_q(static_cast<int64_t>(ctx->m_nRecordAudioPts), sample_tb, st->time_base);
+        copy->pts = copy->dts = av_rescale_q(static_cast<int64_t>(m_nRecordAudioPts), sample_tb, st->time_base);
         copy->duration = av_rescale_q(samples, sample_tb, st->time_base);
         copy->stream_index = st->index;
-        ctx->m_nRecordAudioPts += static_cast<uint64_t>(samples);
+        m_nRecordAudioPts += static_cast<uint64_t>(samples);
     }
-    WriteRecordPacket(ctx, copy.get());
+    WriteRecordPacket(copy.get());
+}
+
+int RecordStart(FFMpegContext* ctx, const char* path) { return ctx ? ctx->m_Recorder.Start(ctx, path) : -1; }
+
+int RecordStop(FFMpegContext* ctx) { return ctx ? ctx->m_Recorder.Stop(ctx) : -1; }
+
+void RecordWritePacket(FFMpegContext* ctx, AVPacket* pkt) {
+    if (ctx) ctx->m_Recorder.Write(ctx, pkt);
 }

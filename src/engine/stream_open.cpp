@@ -38,7 +38,6 @@ constexpr int kDefaultWidth = 1280;
 constexpr int kDefaultHeight = 720;
 
 void FreeContext(FFMpegContext* ctx) {
-    av_freep(&ctx->m_pRecvBuf);
     FFMpegContextFree(ctx);
 }
 
@@ -120,8 +119,7 @@ int SourceOpenFailed(OpenFailureInfo* failure, const char* url, const char* doin
 int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AVFormatContext** out) {
     AVFormatContext* fmt = avformat_alloc_context();
     if (!fmt) return AVERROR(ENOMEM);
-    fmt->interrupt_callback.callback = IoInterruptCallback;
-    fmt->interrupt_callback.opaque = ctx;
+    fmt->interrupt_callback = ctx->m_IoGuard.Callback();
 
     AVDictionary* raw = nullptr;
     if (*rtspTransport) {
@@ -131,7 +129,7 @@ int OpenInput(FFMpegContext* ctx, const char* url, const char* rtspTransport, AV
         av_dict_set_int(&raw, "rw_timeout", int64_t(kNetReadTimeoutMs) * 1000, 0);
     }
     std::unique_ptr<AVDictionary, DictFreer> opts(raw);
-    ArmIoDeadline(ctx, IsNetworkSource(url) ? kNetOpenTimeoutMs : 0);
+    ctx->m_IoGuard.Arm(IsNetworkSource(url) ? kNetOpenTimeoutMs : 0);
     AVDictionary* o = opts.release();
     int ret = avformat_open_input(&fmt, url, nullptr, &o);  // frees fmt on failure
     opts.reset(o);
@@ -160,7 +158,7 @@ bool ProbePictureSize(FFMpegContext* ctx) {
     for (int i = 0; i < kProbePackets; ++i) {
         int read = 0;
         {
-            const ScopedIoDeadline deadline(ctx, true, kNetReadTimeoutMs);
+            const ScopedIoDeadline deadline(ctx->m_IoGuard, true, kNetReadTimeoutMs);
             read = av_read_frame(fmt, pkt.get());
         }
         if (read < 0) break;
@@ -189,7 +187,7 @@ bool ProbePictureSize(FFMpegContext* ctx) {
     }
     // The decode thread starts from the queued key frame with a clean decoder.
     avcodec_flush_buffers(cc);
-    return !ctx->m_bAbortIo;
+    return !ctx->m_IoGuard.Aborted();
 }
 
 // Prepares a video decoder context for codec params of the stream (or, for
@@ -229,7 +227,7 @@ void OpenStreamAudioDecoder(FFMpegContext* ctx, const AVCodec* dec, const AVStre
     if (avcodec_open2(ac.get(), dec, nullptr) < 0) return;
     ctx->m_nAudioIndex = index;
     ctx->m_nAudioCodecId = dec->id;
-    ctx->m_nAudioSampleRate = ac->sample_rate;
+    ctx->m_AudioClock.SetSampleRate(ac->sample_rate);
     ctx->m_pAudioCodecCtx = std::move(ac);
 }
 
@@ -239,12 +237,12 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
 
     AVFormatContext* fmt = nullptr;
     int ret = OpenInput(ctx, url, rtsp ? "tcp" : "", &fmt);
-    if (ret < 0 && rtsp && !IoInterruptCallback(ctx) && ret != AVERROR(ECONNREFUSED) &&
+    if (ret < 0 && rtsp && !ctx->m_IoGuard.Interrupted() && ret != AVERROR(ECONNREFUSED) &&
         ret != AVERROR(ETIMEDOUT) && ret != AVERROR_EXIT) {
         os_print("%s: no interleaved RTSP (%s), trying UDP", maskedUrl, ErrText(ret).c_str());
         ret = OpenInput(ctx, url, "udp", &fmt);
     }
-    ArmIoDeadline(ctx, 0);
+    ctx->m_IoGuard.Arm(0);
     if (ret < 0) {
         os_print("avformat_open_input error");
         os_print("%s: %s", maskedUrl, ErrText(ret).c_str());
@@ -262,9 +260,9 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     // cost seconds of live video. MPEG-4 Part 2 needs the probe for its
     // configuration.
     if (!rtsp || dec->id == kCodecMpeg4) {
-        ArmIoDeadline(ctx, IsNetworkSource(url) ? kNetOpenTimeoutMs : 0);
+        ctx->m_IoGuard.Arm(IsNetworkSource(url) ? kNetOpenTimeoutMs : 0);
         avformat_find_stream_info(fmt, nullptr);
-        ArmIoDeadline(ctx, 0);
+        ctx->m_IoGuard.Arm(0);
     }
 
     ctx->m_nDurationSec = fmt->duration == AV_NOPTS_VALUE ? 0 : fmt->duration / 1000000;
@@ -304,7 +302,6 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
     const AVCodec* adec = nullptr;
     int ai = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, &adec, 0);
     if (ai >= 0 && adec) OpenStreamAudioDecoder(ctx, adec, fmt->streams[ai], ai, rtsp);
-    ctx->m_bHttpFrame = 0;
     return 0;
 }
 
@@ -312,40 +309,35 @@ int OpenDemuxerSource(FFMpegContext* ctx, const char* url, const char* maskedUrl
 // which gives the picture size and the codecs.
 int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl, OpenFailureInfo* failure) {
     ctx->m_bHttpSource = 1;
-    ctx->m_bHttpFrame = 1;
-    ctx->m_pRecvBuf = static_cast<uint8_t*>(av_mallocz(HTTP_RECV_BUF_SIZE));
-    if (!ctx->m_pRecvBuf)
-        return OpenFailed(failure, CAMCTL_OPEN_OTHER, "allocating the receive buffer", AVERROR(ENOMEM));
-    ctx->m_nRecvLen = 0;
+    ctx->m_HttpFrame.Open();
 
-    AVIOInterruptCB cb{IoInterruptCallback, ctx};
+    AVIOInterruptCB cb = ctx->m_IoGuard.Callback();
     AVDictionary* raw = nullptr;
     av_dict_set_int(&raw, "rw_timeout", int64_t(kNetReadTimeoutMs) * 1000, 0);
     std::unique_ptr<AVDictionary, DictFreer> opts(raw);
     AVIOContext* io = nullptr;
-    ArmIoDeadline(ctx, kNetOpenTimeoutMs);
+    ctx->m_IoGuard.Arm(kNetOpenTimeoutMs);
     AVDictionary* o = opts.release();
     int ret = avio_open2(&io, url, AVIO_FLAG_READ, &cb, &o);
     opts.reset(o);
     if (ret < 0) {
-        ArmIoDeadline(ctx, 0);
+        ctx->m_IoGuard.Arm(0);
         os_print("FFMpegContextCreate  fail avio_open error(%d)", ret);
         os_print("%s: %s", maskedUrl, ErrText(ret).c_str());
         return SourceOpenFailed(failure, url, "connecting to the frame stream", ret);
     }
     ctx->m_pHttpIo.reset(io);
 
-    int got = avio_read(io, ctx->m_pRecvBuf, HTTP_READ_CHUNK);
-    ArmIoDeadline(ctx, 0);
+    int got = ctx->m_HttpFrame.ReadMore(io);  // parsed again by the reader
+    ctx->m_IoGuard.Arm(0);
     if (got <= 0) {
         os_print("avio_read failed");
         const char* doing = got < 0 ? "reading the first frame" : "the server sent no data";
         return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, doing, got);
     }
-    ctx->m_nRecvLen = uint32_t(got);  // parsed again by the reader
 
     HttpFrameHeader h;
-    if (ParseFrameHeader(ctx->m_pRecvBuf, ctx->m_nRecvLen, &h) < 0)
+    if (ParseFrameHeader(ctx->m_HttpFrame.Data(), ctx->m_HttpFrame.Len(), &h) < 0)
         return OpenFailed(failure, CAMCTL_OPEN_NO_VIDEO, "no frame header in the first data (not a frame stream)");
     os_print("header.ver:%d, width:%d, height:%d, size:%d codec:%d audio_codec:%d", int(h.ver), int(h.width),
              int(h.height), int(h.size), int(h.codec), int(h.audio_codec));
@@ -366,16 +358,9 @@ int OpenHttpSource(FFMpegContext* ctx, const char* url, const char* maskedUrl, O
     if (h.audio_codec != -1) {
         ctx->m_nAudioIndex = 1;
         ctx->m_nAudioCodecId = HttpFrameAudioCodecId(h.audio_codec);
-        ctx->m_nAudioSampleRate = int32_t(h.sample_rate);
+        ctx->m_AudioClock.SetSampleRate(int32_t(h.sample_rate));
     }
     return 0;
-}
-
-void JoinThread(os_thread*& t) {
-    if (!t) return;
-    os_thread_join(t);
-    os_thread_free(t);
-    t = nullptr;
 }
 
 }  // namespace
@@ -386,22 +371,6 @@ int EngineGlobalInit() {
 }
 
 bool IsNetworkSource(const char* url) { return Contains(url, "://"); }
-
-void ArmIoDeadline(FFMpegContext* ctx, uint32_t ms) {
-    ctx->m_nIoDeadline.store(ms ? os_tick_count64() + ms : 0, std::memory_order_relaxed);
-}
-
-int IoInterruptCallback(void* opaque) {
-    auto* ctx = static_cast<FFMpegContext*>(opaque);
-    if (ctx->m_bAbortIo.load(std::memory_order_relaxed)) return 1;
-    uint64_t deadline = ctx->m_nIoDeadline.load(std::memory_order_relaxed);
-    if (deadline == 0 || os_tick_count64() <= deadline) return 0;
-    // A source that missed its deadline stays failed: the demuxer answers a
-    // failed read by flushing its parsers, and the read after that must not
-    // wait a whole period again.
-    ctx->m_bAbortIo.store(1, std::memory_order_relaxed);
-    return 1;
-}
 
 FFMpegContext* FFMpegContextCreate(IFrameListener* owner, const char* url, int yuvOutput, FrameWaitFn frameWait,
                                    int smooth) {
@@ -447,14 +416,14 @@ FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int
     if (http && ctx->m_nAudioIndex >= 0) OpenAudioDecoder(ctx.get(), ctx->m_nAudioCodecId);
     if (!ctx->m_hAudioThread) StartAudioThread(ctx.get());
 
-    ctx->m_hReadThread = os_thread_create(nullptr, ReadThreadProc, ctx.get());
+    ctx->m_hReadThread.reset(os_thread_create(nullptr, ReadThreadProc, ctx.get()));
     if (ctx->m_hReadThread)
-        ctx->m_hVideoThread =
-            os_thread_create(nullptr, yuvOutput ? VideoDecodeThreadYuv : VideoDecodeThreadBgr, ctx.get());
+        ctx->m_hVideoThread.reset(
+            os_thread_create(nullptr, yuvOutput ? VideoDecodeThreadYuv : VideoDecodeThreadBgr, ctx.get()));
     if (!ctx->m_hVideoThread) {
         ctx->m_bRunning = 0;
-        ctx->m_bAbortIo = 1;
-        JoinThread(ctx->m_hReadThread);
+        ctx->m_IoGuard.Abort();
+        ctx->m_hReadThread.reset();
         StopAudioThread(ctx.get());
         OpenFailed(failure, CAMCTL_OPEN_OTHER, "starting the stream's threads");
         return nullptr;
@@ -466,11 +435,11 @@ FFMpegContext* FFMpegContextCreateEx(IFrameListener* owner, const char* url, int
 int FFMpegContextDestroy(FFMpegContext* ctx) {
     if (!ctx) return 0;
     ctx->m_bRunning = 0;
-    ctx->m_bAbortIo = 1;  // wakes a reader blocked in network I/O
+    ctx->m_IoGuard.Abort();  // wakes a reader blocked in network I/O
     WakePacketWaiters(ctx);
     RecordStop(ctx);
-    JoinThread(ctx->m_hReadThread);
-    JoinThread(ctx->m_hVideoThread);
+    ctx->m_hReadThread.reset();
+    ctx->m_hVideoThread.reset();
     StopAudioThread(ctx);
     ctx->m_hH265Decoder.reset();  // the IHW265D instance, if any
     FreeContext(ctx);  // queues, locks, decoders, then the source

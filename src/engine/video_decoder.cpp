@@ -29,11 +29,6 @@ constexpr uint32_t kIdleWaitMs = 1000;
 constexpr int kStartWidth = 320;
 constexpr int kStartHeight = 240;
 
-struct QueuedPacketFreer {
-    void operator()(AVPacket* p) const { FreePacket(p); }
-};
-using QueuedPacket = std::unique_ptr<AVPacket, QueuedPacketFreer>;
-
 // The picture handed to the owner, in one of the two layouts.
 class PictureOutput {
 public:
@@ -188,13 +183,13 @@ public:
                 os_sleep_ms(kIdleSleepMs);
                 continue;
             }
-            const uint64_t seen = ctx_->m_VideoArrivals.Count();
-            QueuedPacket pkt(PopVideoPacket(ctx_));
+            const uint64_t seen = ctx_->m_VideoQueue.Arrivals();
+            QueuedPacket pkt = ctx_->m_VideoQueue.Pop();
             if (!pkt) {
                 // Woken by the next packet. With decoding off the reader
                 // queues nothing until decoding comes on (and then pushes),
                 // so the wait may be long.
-                ctx_->m_VideoArrivals.WaitPast(seen, ctx_->m_bDecode ? kIdleSleepMs : kIdleWaitMs);
+                ctx_->m_VideoQueue.WaitPast(seen, ctx_->m_bDecode ? kIdleSleepMs : kIdleWaitMs);
                 continue;
             }
             HandlePacket(pkt.get());
@@ -204,7 +199,7 @@ public:
 private:
     void Pace(const AVPacket* pkt) {
         if (!ctx_->m_bSmooth || !ctx_->m_bDecode || pkt->stream_index != ctx_->m_nVideoIndex) return;
-        if (ctx_->m_bAudioClock)
+        if (ctx_->m_AudioClock.Active())
             SyncVideoToAudio(ctx_, pkt->pts);
         else if (ctx_->m_pfnFrameWait)
             ctx_->m_pfnFrameWait(ctx_);

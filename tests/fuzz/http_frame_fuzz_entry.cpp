@@ -47,27 +47,24 @@ struct CtxFree {
 };
 
 int ReaderPass(const uint8_t* stream, size_t size, uint8_t firstSel, uint8_t codecSel) {
-    static std::vector<uint8_t> recv(HTTP_RECV_BUF_SIZE);
     std::unique_ptr<FFMpegContext, CtxFree> ctx(FFMpegContextAlloc());
     if (!ctx) return 1;
     CheckingListener listener;
     ctx->m_pOwner = static_cast<IFrameListener*>(&listener);
-    ctx->m_pRecvBuf = recv.data();
+    ctx->m_HttpFrame.Open();
     ctx->m_bRunning = 1;
-    ctx->m_bHttpFrame = 1;
     static const int kVideo[3] = {27, 173, 7};
     ctx->m_nVideoCodecId = kVideo[codecSel % 3];
     if (codecSel & 4) {
         ctx->m_nAudioIndex = 1;
         ctx->m_nAudioCodecId = 0x10006;
-        ctx->m_nAudioSampleRate = 8000;
+        ctx->m_AudioClock.SetSampleRate(8000);
     }
 
     // The opening read: up to 2000 bytes.
     size_t first = firstSel < 128 ? HTTP_READ_CHUNK : static_cast<size_t>(firstSel - 127) * 15;
     first = std::min({first, size, static_cast<size_t>(HTTP_READ_CHUNK)});
-    memcpy(recv.data(), stream, first);
-    ctx->m_nRecvLen = static_cast<uint32_t>(first);
+    ctx->m_HttpFrame.Append(stream, static_cast<uint32_t>(first));
     camctl_test::MemoryAvio io(std::vector<uint8_t>(stream + first, stream + size), 1 + firstSel * 7);
     io.AttachTo(ctx.get());
 
@@ -81,7 +78,7 @@ int ReaderPass(const uint8_t* stream, size_t size, uint8_t firstSel, uint8_t cod
             break;
         }
         if (n != pkt->size) result = 3;
-        if (ctx->m_nRecvPos != 0 || ctx->m_nRecvLen > HTTP_RECV_BUF_SIZE) result = 4;
+        if (ctx->m_HttpFrame.Pos() != 0 || ctx->m_HttpFrame.Len() > HTTP_RECV_BUF_SIZE) result = 4;
         if (audioChanged && newAudio != HttpFrameAudioCodecId(1) && newAudio != HttpFrameAudioCodecId(2) &&
             newAudio != HttpFrameAudioCodecId(3) && newAudio != HttpFrameAudioCodecId(4) &&
             newAudio != HttpFrameAudioCodecId(5))
@@ -90,7 +87,6 @@ int ReaderPass(const uint8_t* stream, size_t size, uint8_t firstSel, uint8_t cod
     }
     if (listener.bad) result = 6;
     camctl_test::MemoryAvio::Detach(ctx.get());
-    ctx->m_pRecvBuf = nullptr;
     return result;
 }
 
