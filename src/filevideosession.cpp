@@ -15,18 +15,21 @@ CFileVideoSession::CFileVideoSession() { m_bFileSession = 1; }
 CFileVideoSession::~CFileVideoSession() { VideoFree(); }
 
 int CFileVideoSession::DoVideoBuffer(unsigned char* buf, int width, int height) {
-    if (!m_pOwner) return -1;
-    static_cast<CRecordPlayer*>(m_pOwner)->DoVideoBuffer(this, buf, width, height);
+    if (!m_pPlayer) return -1;
+    m_pPlayer->DoVideoBuffer(this, buf, width, height);
     return 0;
 }
 
 int CFileVideoSession::DoAudioBuffer(unsigned short* buf, int a, int b) {
-    if (!m_pOwner) return -1;
-    static_cast<CRecordPlayer*>(m_pOwner)->DoAudioBuffer(this, buf, a, b);
+    if (!m_pPlayer) return -1;
+    m_pPlayer->DoAudioBuffer(this, buf, a, b);
     return 0;
 }
 
 int CFileVideoSession::UpdateMotionAlarmRegion(char*) { return 0; }
+
+// VideoInit's owner of a file session is always its player.
+void CFileVideoSession::AttachOwner(void* owner) { m_pPlayer = static_cast<CRecordPlayer*>(owner); }
 
 int CFileVideoSession::Pause() {
     if (!m_bOpen || !m_pContext) return -1;

@@ -14,22 +14,25 @@ CUrlVideoSession::CUrlVideoSession() : m_szName(), m_szReserved() { m_bFileSessi
 CUrlVideoSession::~CUrlVideoSession() { VideoFree(); }
 
 int CUrlVideoSession::DoVideoBuffer(unsigned char* buf, int width, int height) {
-    if (!m_pOwner) return -1;
-    static_cast<CIpCamera*>(m_pOwner)->DoVideoBuffer(this, buf, width, height);
+    if (!m_pCamera) return -1;
+    m_pCamera->DoVideoBuffer(this, buf, width, height);
     return 0;
 }
 
 int CUrlVideoSession::DoAudioBuffer(unsigned short* buf, int a, int b) {
-    if (!m_pOwner) return -1;
-    static_cast<CIpCamera*>(m_pOwner)->DoAudioBuffer(this, buf, a, b);
+    if (!m_pCamera) return -1;
+    m_pCamera->DoAudioBuffer(this, buf, a, b);
     return 0;
 }
 
 int CUrlVideoSession::UpdateMotionAlarmRegion(char* region) {
-    if (!m_pOwner) return -1;
-    static_cast<CIpCamera*>(m_pOwner)->UpdateMotionAlarmRegion(this, region);
+    if (!m_pCamera) return -1;
+    m_pCamera->UpdateMotionAlarmRegion(this, region);
     return 0;
 }
+
+// VideoInit's owner of a live session is always its camera.
+void CUrlVideoSession::AttachOwner(void* owner) { m_pCamera = static_cast<CIpCamera*>(owner); }
 
 int CUrlVideoSession::SetName(const char* name) {
     os_strlcpy(m_szName, name ? name : "", sizeof m_szName);

@@ -42,15 +42,16 @@ int CVideoSession::DoVideoBuffer(unsigned char*, int, int) { return 0; }
 int CVideoSession::DoAudioBuffer(unsigned short*, int, int) { return 0; }
 int CVideoSession::UpdateMotionAlarmRegion(char*) { return 0; }
 
-int CVideoSession::FrameWait(FFMpegContext* ctx) {
-    auto* self = static_cast<CVideoSession*>(ctx->m_pOwner);
-    if (!self || self->m_bFileSession) return 0;
+int CVideoSession::FrameWait() {
+    if (m_bFileSession) return 0;
     // At most one picture per release; a stalled host slows delivery to one
     // picture a second but never stops it.
-    OsMutexLock lock(self->m_hSessionLock);
-    os_cond_timedwait_ms(self->m_hFrameSignal, self->m_hSessionLock, kFrameWaitMs);
+    OsMutexLock lock(m_hSessionLock);
+    os_cond_timedwait_ms(m_hFrameSignal, m_hSessionLock, kFrameWaitMs);
     return 0;
 }
+
+void CVideoSession::AttachOwner(void*) {}
 
 int CVideoSession::VideoInit(void* owner, const char* url) {
     std::lock_guard<std::mutex> lock(m_OpenLock);
@@ -66,12 +67,14 @@ int CVideoSession::VideoInit(void* owner, const char* url) {
     // The owner is in place before the threads start: the first pictures
     // reach it, and the threads never see the field change under them.
     m_pOwner = owner;
+    AttachOwner(owner);
     OpenFailureInfo failure;
-    FFMpegContext* ctx = FFMpegContextCreateEx(this, url, m_bD3DDisplay,
-                                               &CVideoSession::FrameWait, m_nSmoothStream, options, &failure);
+    FFMpegContext* ctx = FFMpegContextCreateEx(this, url, m_bD3DDisplay, [this] { return FrameWait(); },
+                                               m_nSmoothStream, options, &failure);
     SetOpenFailure(failure.reason, failure.text);
     if (!ctx) {
         m_pOwner = nullptr;
+        AttachOwner(nullptr);
         return -1;
     }
     m_pContext = ctx;
@@ -104,6 +107,7 @@ int CVideoSession::VideoFree() {
     m_pContext = nullptr;
     m_bD3DDisplay = 0;
     m_pOwner = nullptr;
+    AttachOwner(nullptr);
     return 0;
 }
 

@@ -14,6 +14,8 @@
 
 #include "camctl/VideoSession.h"
 
+class CRecordPlayer;
+
 class CAMCTL_API CFileVideoSession : public CVideoSession {
 public:
     CFileVideoSession();
@@ -35,4 +37,10 @@ public:
     /// happens on files shorter than 5 s.
     int SeekTime(int t);
     int SetSpeedLevel(int level);  ///< accepted, no effect
+
+protected:
+    void AttachOwner(void* owner) override;
+
+private:
+    CRecordPlayer* m_pPlayer = nullptr;  ///< the owner, from VideoInit to VideoFree
 };

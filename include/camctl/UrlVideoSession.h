@@ -15,6 +15,8 @@
 
 #include "camctl/VideoSession.h"
 
+class CIpCamera;
+
 class CAMCTL_API CUrlVideoSession : public CVideoSession {
 public:
     CUrlVideoSession();
@@ -39,6 +41,11 @@ public:
     bool IsPlayFinish();       ///< the reader has stopped (end, error, lost server)
 
 protected:
+    void AttachOwner(void* owner) override;
+
     char m_szName[256];
     char m_szReserved[256];
+
+private:
+    CIpCamera* m_pCamera = nullptr;  ///< the owner, from VideoInit to VideoFree
 };

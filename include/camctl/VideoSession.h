@@ -73,7 +73,10 @@ public:
 protected:
     /// Engine hook run before each picture: a live session waits here (at
     /// most 1000 ms) for SendVideoCond; a file session returns at once.
-    static int FrameWait(FFMpegContext* ctx);
+    int FrameWait();
+    /// Takes the owner VideoInit was given (before the engine starts), or
+    /// null once the engine has stopped: a subclass keeps it with its type.
+    virtual void AttachOwner(void* owner);
 
     FFMpegContext* m_pContext;
     std::atomic<int32_t> m_bOpen;  ///< also read from the engine's threads

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "camctl/FrameListener.h"
 #include "engine/audio_clock.h"
@@ -20,8 +21,9 @@
 #include "engine/recorder.h"
 #include "runtime/os.h"
 
-struct FFMpegContext;
-typedef int (*FrameWaitFn)(FFMpegContext* ctx);
+// Pacing hook the video thread calls before a picture while no audio clock
+// runs: bound by the session that opened the context to itself.
+using FrameWaitFn = std::function<int()>;
 
 struct FFMpegContext {
     // Receives the decoded pictures, audio and motion regions: the session

@@ -202,7 +202,7 @@ private:
         if (ctx_->m_AudioClock.Active())
             SyncVideoToAudio(ctx_, pkt->pts);
         else if (ctx_->m_pfnFrameWait)
-            ctx_->m_pfnFrameWait(ctx_);
+            ctx_->m_pfnFrameWait();
     }
 
     void HandlePacket(AVPacket* pkt) {
