@@ -25,11 +25,6 @@ constexpr int kEmptyRoundsBeforeDrop = 300;
 // Longest wait for a packet once the audio clock is dropped.
 constexpr uint32_t kIdleWaitMs = 1000;
 
-constexpr int kCodecMulaw = AV_CODEC_ID_PCM_MULAW;
-constexpr int kCodecAlaw = AV_CODEC_ID_PCM_ALAW;
-constexpr int kCodecG726 = AV_CODEC_ID_ADPCM_G726;
-constexpr int kCodecG722 = AV_CODEC_ID_ADPCM_G722;
-constexpr int kCodecAac = AV_CODEC_ID_AAC;
 
 // Owner of a FAAD2 decoder handle.
 class FaadDecoder {

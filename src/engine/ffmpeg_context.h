@@ -14,6 +14,7 @@
 #include "camctl/FrameListener.h"
 #include "engine/audio_clock.h"
 #include "engine/av_ptr.h"
+#include "engine/codec_ids.h"
 #include "engine/h265/ihw265d_handle.h"
 #include "engine/http_receiver.h"
 #include "engine/io_guard.h"

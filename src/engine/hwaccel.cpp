@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "engine/engine.h"
+#include "engine/codec_ids.h"
 #include "runtime/os.h"
 
 extern "C" {
@@ -24,9 +25,6 @@ namespace camctl {
 namespace hw {
 namespace {
 
-constexpr int kCodecMjpeg = 7;    // AV_CODEC_ID_MJPEG
-constexpr int kCodecH264 = 27;    // AV_CODEC_ID_H264
-constexpr int kCodecHevc = 173;   // AV_CODEC_ID_HEVC
 constexpr uint32_t kVendorIntel = 0x8086;
 
 // Codec lists end with 0.

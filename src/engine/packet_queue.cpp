@@ -13,8 +13,6 @@ namespace {
 
 constexpr int kPacketSlack = 32;
 
-enum CodecNumber { kCodecH264 = 27, kCodecMpeg4 = 12, kCodecMjpeg = 7, kCodecHevc = 173 };
-
 // Makes the queue element for pkt; null when memory runs out.
 AVPacket* CopyPacket(const AVPacket* pkt) {
     if (!pkt || pkt->size < 0) return nullptr;

@@ -30,9 +30,6 @@ namespace {
 // locks, so no lock-manager is installed).
 std::once_flag g_initOnce;
 
-constexpr int kCodecMpeg4 = AV_CODEC_ID_MPEG4;
-constexpr int kCodecMjpeg = AV_CODEC_ID_MJPEG;
-constexpr int kCodecHevc = AV_CODEC_ID_HEVC;
 constexpr int kProbePackets = 200;
 constexpr int kDefaultWidth = 1280;
 constexpr int kDefaultHeight = 720;
